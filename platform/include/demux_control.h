@@ -7,6 +7,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Whoever defines these, in a library or in a program, is seen by all others. */
+#pragma GCC visibility push(default)
 
 /**
  * Open a demultiplexer handle.
@@ -28,6 +30,7 @@ int demux_control_getPWMInfo(void *handle, int id, unsigned int *value);
 /** Get the system time clock, ISO/IEC 13818-1 clause 2.4.2; @p stc is untouched on failure. */
 int demux_control_getSTC(void *handle, int id, uint64_t *stc);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -7,6 +7,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Whoever defines these, in a library or in a program, is seen by all others. */
+#pragma GCC visibility push(default)
 
 /* A byte range to take out of a file. 80 bytes. */
 typedef struct pvr_truncate_range_s {
@@ -30,6 +32,7 @@ typedef struct pvr_truncate_range_s {
  */
 int ppi_pvr_control_file_truncate_range(int fd, const pvr_truncate_range_s *request);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -5,6 +5,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Whoever defines these, in a library or in a program, is seen by all others. */
+#pragma GCC visibility push(default)
 
 /* The model year of the board, four digits that may be followed by more text. */
 #define SYSTEM_INFO_KEY_FHD_QRT_TV_YEAR 0x2001
@@ -21,6 +23,7 @@ extern "C" {
  */
 int system_info_get_value_string(int key, char **value);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -5,6 +5,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Whoever defines these, in a library or in a program, is seen by all others. */
+#pragma GCC visibility push(default)
 
 /**
  * Open a tuner handle.
@@ -29,6 +31,7 @@ int tuner_control_getDigitalSignalStatus(void *handle, int *status);
 /** Set the frequency on which the emergency warning broadcast is watched. */
 int tuner_control_setEwbsFrequency(void *handle, int frequency);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

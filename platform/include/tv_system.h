@@ -5,6 +5,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+/* Whoever defines these, in a library or in a program, is seen by all others. */
+#pragma GCC visibility push(default)
 
 /**
  * Set the power mode that the emergency warning broadcast asks for.
@@ -16,6 +18,7 @@ extern "C" {
  */
 int tv_system_set_EWBS_pm_mode(int mode);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
