@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::array kNames = {"access", "calloc", "clock_gettime", "close",  "fcntl",  "fsync",
                                "link",   "lseek64", "malloc",       "open64", "popen",  "pread64",
-                               "pthread_mutex_lock", "pwrite64", "read", "realpath", "rename",
+                               "pthread_mutex_lock", "pwrite64", "read", "realloc", "realpath", "rename",
                                "stat64", "sync",   "times", "unlink", "usleep", "valloc", "write"};
 
 int index_of(const char *name) {
@@ -74,7 +74,7 @@ Verdict judge_locked(State &state, int call, int fd, const char *path, long long
   Rule &rule = state.rules[static_cast<size_t>(call)];
   ++rule.seen;
   const std::string_view name = kNames[static_cast<size_t>(call)];
-  if (name != "malloc" && name != "calloc" && name != "valloc" && name != "clock_gettime" &&
+  if (name != "malloc" && name != "calloc" && name != "realloc" && name != "valloc" && name != "clock_gettime" &&
       name != "pthread_mutex_lock") {
     state.order.push_back(call);
   }
@@ -257,6 +257,7 @@ char *__wrap_realpath(const char *path, char *resolved) {
 
 PLX_WRAP_ALLOCATION(malloc, (size_t size), (size), size)
 PLX_WRAP_ALLOCATION(calloc, (size_t count, size_t size), (count, size), count *size)
+PLX_WRAP_ALLOCATION(realloc, (void *memory, size_t size), (memory, size), size)
 PLX_WRAP_ALLOCATION(valloc, (size_t size), (size), size)
 
 #define PLX_WRAP_TRANSFER(name, call, params, args, fd, size)                        \

@@ -14,7 +14,7 @@
 // object at a time. The calls are caught at link time (-Wl,--wrap), so the test's own calls are
 // caught too: arm a fault immediately before the act. A call is named without regard to the
 // large-file or 64-bit-time name that the C library gives it ("stat64", "fcntl", "clock_gettime").
-// malloc, calloc and valloc count as calls to fail, but are not listed in calls().
+// malloc, calloc, realloc and valloc count as calls to fail, but are not listed in calls().
 #pragma once
 
 #include <functional>

@@ -15,7 +15,7 @@ inline constexpr size_t kPacketSize = 188;
 struct PacketOptions {
   bool unit_start = false;
   bool random_access = false;
-  std::optional<uint8_t> adaptation_length;  // written as it is, right or wrong
+  std::optional<uint8_t> adaptation_length = {};  // written as it is, right or wrong
   uint8_t continuity = 0;
   uint8_t scrambling = 0;
 };
