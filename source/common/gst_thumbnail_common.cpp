@@ -56,8 +56,8 @@ bool _open_index(ScopedPvrFile &index, const gchar *path) {
   return false;
 }
 
-// A parser that did not start still knows the time of a finished recording whose base table it could
-// read. Without that, or with times that are upside down, there is no total time.
+// A parser that did not start still knows the time of a finished recording whose base table it
+// could read. Without that, or with times that are upside down, there is no total time.
 gint32 _total_time(GstPvrFile *index, const gchar *path, gint32 *time) {
   ScopedIndexParser parser(index, path);
   if (parser.start() < 0 && parser.get()->base_table.end_time_code == 0) return 0;

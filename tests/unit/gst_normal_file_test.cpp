@@ -197,6 +197,7 @@ class FailedOpenTest : public NormalFileTest {
     EXPECT_EQ(handle.close(), -1);
     EXPECT_EQ(faults.count("close"), 0);
     EXPECT_EQ(handle->var.error_number, EBADF);
+    EXPECT_NOT_LOGGED(kError, "[EXT_FMG] [PLG_ERR] out of range. key=[-1]");
   }
 };
 
@@ -234,6 +235,7 @@ TEST_F(FailedOpenTest, DoesNotTouchWhatAnotherHandleHolds) {
   Handle handle;
   handle.state().key = other.state().key;  // left over in the storage
   handle.state().descriptor = other.state().descriptor;
+  handle->tpbuf = &other;
   EXPECT_EQ(handle.open(dir_.file("missing.kvf"), kRead), -1);
   expect_nothing_left(handle);
   EXPECT_EQ(item_of(other)->read_count, 1);
@@ -270,6 +272,9 @@ TEST_F(FailedOpenTest, ARefusedPathIsNotOpened) {
 TEST_F(FailedOpenTest, WithoutAPathNothingIsRegistered) {
   Handle handle;
   EXPECT_EQ(gst_normal_file_open(handle.get(), nullptr, kRead, 0, 0, 0), -1);
+  EXPECT_THAT(LogCapture::messages(),
+              ElementsAre("[EXT_FMG] enter gst_normal_file_open,file_path:(null),read_mode:1,"
+                          "direct_mode:0,append_mode:0"));
   EXPECT_FALSE(anything_registered());
   expect_nothing_left(handle);
 }
@@ -360,6 +365,14 @@ TEST_P(LayerTest, SizeAndFsyncAnswer) {
   write_file(rec_, counting_bytes(777));
   EXPECT_EQ(gst_normal_file_size(handle_.get()), 777);
   EXPECT_EQ(gst_normal_file_fsync(handle_.get()), 0);
+  EXPECT_THAT(LogCapture::messages(), IsEmpty());
+}
+
+TEST_P(LayerTest, ZeroIsAPositionAndASize) {
+  given_open(kWrite);
+  EXPECT_EQ(gst_normal_file_seek(handle_.get(), 0, SEEK_SET), 0);
+  EXPECT_EQ(gst_normal_file_tell(handle_.get()), 0);
+  EXPECT_EQ(gst_normal_file_size(handle_.get()), 0);
   EXPECT_THAT(LogCapture::messages(), IsEmpty());
 }
 

@@ -365,11 +365,23 @@ TEST_F(FieldDecision, ASliceWhoseBytesAreMissingReadsZeros) {
   EXPECT_EQ(decide(join({sps(false), {0, 0, 1, 0x65}})), 0);
 }
 
-TEST_F(FieldDecision, HeadersAreReadFromAFullParseBufferOfTheirOwn) {
-  // 20 bytes are left in the picture: what an earlier, longer header left behind must be gone.
-  const Bytes noisy_sps = join({sps(false), repeat(0xff, 3000)});
-  EXPECT_EQ(decide(join({noisy_sps, {0, 0, 1, 0x65}})), 0);
-  EXPECT_EQ(decide(join({noisy_sps, slice(true)})), 1);
+TEST_F(FieldDecision, NothingOfAnEarlierHeaderIsReadAsPartOfALaterOne) {
+  // An SPS whose first byte would make a slice header with the field flag set.
+  const Bytes sps_like_a_slice = h264_sps({0b11100001, false, 0, 2});
+  EXPECT_EQ(decide(join({sps_like_a_slice, {0, 0, 1, 0x65}})), 0);
+  EXPECT_EQ(decide(join({sps_like_a_slice, {0, 0, 1, 0x65, 0b11100001}})), 1);
+}
+
+TEST_F(FieldDecision, AWidthThatLooksLikeNoneIsAFrame) {
+  BitWriter bits = sps_of_profile(77);
+  bits.ue(0xfffffffb).ue(2);  // - 1 in 32 bits
+  const Bytes hostile = join({{0, 0, 1, 0x67}, rest(bits, false).bytes()});
+  EXPECT_EQ(decide(join({hostile, {0, 0, 1, 0x65, 0xff}})), 0);
+}
+
+TEST_F(FieldDecision, OneZeroAndAOneAreNoStartCode) {
+  decide(join({{0xff, 0, 1, 9, 0, 1, 9}, slice(true)}));
+  EXPECT_THAT(LogCapture::messages(kInfo), ElementsAre(kEnter, nal(3, 5), kExit));
 }
 
 TEST_F(FieldDecision, ThePictureStaysAsItIs) {
