@@ -1,0 +1,291 @@
+// recorder.cpp - record(): from packets of any kind to a stream file with its index.
+//
+// The order of the writes is what makes a recording safe: packets first, then the records of the
+// GOPs that lie wholly within them. So at every moment the index speaks only of what is there.
+#include "recorder.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "index_writer.h"
+#include "input.h"
+#include "packet_grid.h"
+#include "paths.h"
+#include "probe.h"
+#include "session.h"
+#include "stream_indexer.h"
+#include "stream_writer.h"
+#include "write_behind.h"
+
+namespace plexa::rec {
+namespace {
+
+constexpr size_t kBlock = size_t{256} << 10;    // one read
+constexpr size_t kMostHeld = size_t{64} << 20;  // held back until the input has proved good
+
+bool is_disk_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
+
+class Recording {
+ public:
+  Recording(int fd, const Options &options)
+      : input_(fd, options.stop, options.follow),
+        fd_(fd),
+        options_(options),
+        probe_(options.program),
+        progress_(options) {}
+
+  Outcome run(const std::string &stream_path);
+
+ private:
+  std::string check_outputs();
+  std::string refuse_output(const std::string &path) const;
+  bool take_input();
+  bool take_packets(const uint8_t *data, size_t count, bool is_live);
+  bool hold(const uint8_t *data, size_t count);
+  void begin_indexing();
+  bool begin_recording();
+  bool create_files();
+  bool append_stored();
+  bool append_gops(uint64_t stored);
+  void stream_failed();
+  void end_input();
+  Outcome end_recording();
+  Outcome refused();
+  void remove_files();
+
+  Input input_;
+  int fd_;
+  const Options &options_;
+  Probe probe_;
+  ProgressReport progress_;
+  RecordingPaths paths_;
+  RecordingLock old_lock_;  // on what is overwritten
+  RecordingLock lock_;
+  PacketGrid grid_;
+  std::vector<uint8_t> held_;
+  std::unique_ptr<StreamIndexer> indexer_;
+  StreamWriter stream_;
+  WriteBehind writer_{stream_, kBlock + PacketGrid::kMostKept};
+  IndexWriter index_;
+  bool recording_ = false;  // the files exist
+  uint64_t packets_ = 0;    // taken from the input
+  std::string error_;       // what made the work impossible
+  std::string ended_by_;    // what ended the recording before the input did
+  bool disk_full_ = false;
+};
+
+Outcome Recording::run(const std::string &stream_path) {
+  error_ = resolve_recording(stream_path, paths_);
+  if (error_.empty()) error_ = check_outputs();
+  if (!error_.empty()) return failure(error_);
+  const bool input_is_good = take_input();
+  if (!error_.empty()) return failure(error_);
+  if (input_is_good) end_input();
+  if (!error_.empty()) return failure(error_);
+  return recording_ ? end_recording() : refused();
+}
+
+// --- the outputs, before anything is touched
+
+std::string Recording::check_outputs() {
+  for (const std::string &path : {paths_.stream, paths_.index}) {
+    const std::string problem = refuse_output(path);
+    if (!problem.empty()) return problem;
+  }
+  if (!old_lock_.acquire(paths_.stream))
+    return "'" + paths_.stream + "' is being recorded or indexed";
+  return "";
+}
+
+std::string Recording::refuse_output(const std::string &path) const {
+  struct stat there = {};
+  if (lstat(path.c_str(), &there) != 0) return "";
+  if (!S_ISREG(there.st_mode)) return "'" + path + "' is not a regular file";
+  struct stat input = {};
+  const bool known = fstat(fd_, &input) == 0;
+  if (known && input.st_dev == there.st_dev && input.st_ino == there.st_ino) {
+    return "'" + path + "' is the input itself";
+  }
+  if (!options_.overwrite) return "'" + path + "' exists already";
+  return "";
+}
+
+// --- the input
+
+// False: the recording has to end here (error_ or ended_by_ says why, or it was refused).
+bool Recording::take_input() {
+  std::vector<uint8_t> rest;  // bytes of packets that are not whole yet
+  for (;;) {
+    uint8_t *const block = writer_.block();
+    std::copy(rest.begin(), rest.end(), block);
+    const int64_t got = input_.read(block + rest.size(), kBlock);
+    if (got < 0) {
+      ended_by_ = "the input cannot be read: " + error_text(errno);
+      return true;
+    }
+    const size_t size = rest.size() + static_cast<size_t>(got);
+    const PacketGrid::Packets found = grid_.scan(block, size, got == 0);
+    rest.assign(block + found.consumed, block + size);
+    const bool is_live = static_cast<size_t>(got) < kBlock;
+    if (!take_packets(found.data, found.count, is_live)) return false;
+    if (got == 0) return true;
+    progress_.update(input_.taken(), input_.total(), indexer_ ? indexer_->gops().time() : 0,
+                     index_.gops());
+  }
+}
+
+// `is_live`: the input gives no more at the moment, so that there is time to bring the files up to
+// date.
+bool Recording::take_packets(const uint8_t *data, size_t count, bool is_live) {
+  if (count == 0) return true;
+  if (!recording_) return hold(data, count);
+  indexer_->packets(data, count, packets_);
+  packets_ += count;
+  writer_.hand_over(data, count * kPacketSize);
+  if (is_live) writer_.drain();
+  return append_stored();
+}
+
+// Until the first I-picture is found the packets stay in memory, so that an input which cannot be
+// recorded leaves nothing behind.
+bool Recording::hold(const uint8_t *data, size_t count) {
+  held_.insert(held_.end(), data, data + count * kPacketSize);
+  if (indexer_) {
+    indexer_->packets(data, count, packets_);
+  } else if (probe_.packets(data, count)) {
+    begin_indexing();
+  }
+  packets_ += count;
+  if (indexer_ && indexer_->gops().has_gop()) return begin_recording();
+  return held_.size() < kMostHeld;
+}
+
+void Recording::begin_indexing() {
+  indexer_ = std::make_unique<StreamIndexer>(probe_.start());
+  indexer_->packets(held_.data(), held_.size() / kPacketSize, 0);
+}
+
+void Recording::end_input() {
+  if (!indexer_ && probe_.finish()) begin_indexing();
+  if (!indexer_) return;
+  indexer_->finish(packets_);
+  if (!recording_ && indexer_->gops().has_gop()) begin_recording();
+}
+
+Outcome Recording::refused() {
+  const std::string input = "the input ";
+  if (input_.taken() == 0 && !ended_by_.empty()) return failure(ended_by_);
+  if (input_.taken() == 0) return failure(input + "is empty");
+  if (!grid_.found()) return failure(input + "is not an MPEG transport stream");
+  return failure(input + probe_.refusal(indexer_.get()));
+}
+
+// --- the recording
+
+bool Recording::begin_recording() {
+  recording_ = create_files();
+  if (!recording_) return false;
+  const std::vector<uint8_t> held = std::exchange(held_, {});
+  if (!stream_.write(held.data(), held.size())) {
+    stream_failed();
+    return false;
+  }
+  writer_.start();
+  return append_stored();
+}
+
+bool Recording::create_files() {
+  // An old index must not stand beside a new stream, not even for a moment.
+  for (const std::string &path : {paths_.index, paths_.stream}) {
+    const int removed = options_.overwrite ? unlink(path.c_str()) : 0;
+    const int error = removed != 0 && errno != ENOENT ? errno : create_new_file(path);
+    if (error == 0) continue;
+    error_ = "cannot create '" + path + "': " + error_text(error);
+    if (path == paths_.stream) unlink(paths_.index.c_str());
+    return false;
+  }
+  if (!lock_.acquire(paths_.stream))
+    error_ = "'" + paths_.stream + "' is being recorded or indexed";
+  if (error_.empty() && !stream_.create(paths_.stream, options_.direct)) {
+    error_ = "cannot write '" + paths_.stream + "': " + error_text(stream_.error());
+  }
+  if (error_.empty() && !index_.create(paths_.index, options_.layout)) {
+    error_ = "cannot write '" + paths_.index + "': " + error_text(index_.error());
+  }
+  if (!error_.empty()) remove_files();
+  return error_.empty();
+}
+
+// Appends the GOPs that are stored by now. False: the recording has to end here.
+bool Recording::append_stored() {
+  if (writer_.failed()) {
+    writer_.stop();
+    stream_failed();
+    return false;
+  }
+  if (!append_gops(writer_.stored_packets())) return false;
+  if (!indexer_->gops().is_full()) return true;
+  ended_by_ = "the longest time that an index can hold is reached";
+  return false;
+}
+
+void Recording::stream_failed() {
+  disk_full_ = is_disk_full(stream_.error());
+  ended_by_ = "the stream file takes no more: " + error_text(stream_.error());
+}
+
+// Records speak of stored packets only.
+bool Recording::append_gops(uint64_t stored) {
+  indexer_->gops().settle(stored);
+  while (const std::optional<Gop> gop = indexer_->gops().take(stored)) {
+    if (index_.append(*gop, indexer_->channels())) continue;
+    disk_full_ = disk_full_ || is_disk_full(index_.error());
+    if (ended_by_.empty()) ended_by_ = "the index takes no more: " + error_text(index_.error());
+    return false;
+  }
+  return true;
+}
+
+Outcome Recording::end_recording() {
+  writer_.stop();
+  if (!stream_.finish() && ended_by_.empty()) stream_failed();
+  // The last GOPs have had to wait for their end; what the stream file does not hold is forgotten.
+  indexer_->gops().truncate(stream_.packets());
+  if (index_.error() == 0) append_gops(stream_.packets());
+  if (index_.gops() == 0) {
+    remove_files();
+    return failure(ended_by_.empty() ? "no whole GOP was recorded"
+                                     : ended_by_ + " (before the first GOP was complete)");
+  }
+  Outcome outcome;
+  outcome.ok = index_.finish(stream_.packets() * kPacketSize);
+  if (!outcome.ok) outcome.error = "the index cannot be completed: " + error_text(index_.error());
+  outcome.summary = summarise(*indexer_, index_, stream_.packets());
+  outcome.summary.resyncs = grid_.resyncs();
+  outcome.summary.disk_full = disk_full_;
+  add_note(outcome.summary.note, ended_by_);
+  return outcome;
+}
+
+void Recording::remove_files() {
+  writer_.stop();
+  stream_.abandon();
+  index_.abandon();
+  unlink(paths_.index.c_str());
+  unlink(paths_.stream.c_str());
+}
+
+}  // namespace
+
+Outcome record(int input_fd, const std::string &stream_path, const Options &options) {
+  return guarded([&] { return Recording(input_fd, options).run(stream_path); });
+}
+
+}  // namespace plexa::rec

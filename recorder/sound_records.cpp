@@ -1,0 +1,128 @@
+// sound_records.cpp - see sound_records.h. Not thread-safe.
+#include "sound_records.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <optional>
+
+#include "stream_scan.h"
+
+namespace plexa::rec {
+namespace {
+
+std::vector<uint8_t> read_all(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+bool is_known(Codec codec) {
+  return codec == Codec::kMpeg2 || codec == Codec::kH264 || codec == Codec::kH265;
+}
+
+// Is this the packet at which a picture of this PID begins?
+bool begins_picture(const uint8_t *packet, uint16_t pid) {
+  return !packet_is_damaged(packet) && packet_pid(packet) == pid && packet_starts_unit(packet) &&
+         !packet_is_scrambled(packet) && packet_payload(packet).size > 0;
+}
+
+}  // namespace
+
+void SoundRecords::load(const std::string &index_path, const StreamScan &stream) {
+  const std::vector<uint8_t> file = read_all(index_path);
+  if (!load_head(file)) return;
+  const size_t size = IndexShape(layout_).gop_size;
+  const uint64_t whole = gops_.size() / size;
+  size_t channels = 0;
+  for (count_ = 0; count_ < whole; ++count_) {
+    const pvr_gop_info_s gop = record(count_);
+    if (!is_sound(gop, stream)) break;
+    if (count_ > 0 && !follows(gop, record(count_ - 1))) break;
+    channels = std::max<size_t>(channels, size_t{gop.index_of_channel} + 1);
+  }
+  for (unsigned slot = 0; slot < channels; ++slot) channels_.push_back(channel(slot));
+  complete_ = count_ > 0 && count_ * size == gops_.size() && agrees_with_base(stream);
+}
+
+bool SoundRecords::load_head(const std::vector<uint8_t> &file) {
+  if (file.size() < sizeof base_) return false;
+  std::memcpy(&base_, file.data(), sizeof base_);
+  if (base_.mdb_version >> 16 != MDB_VERSION >> 16) return false;
+  // A recording that was cut at its front does not begin with the packet that the records count
+  // from.
+  if (base_.start_packet_count != 0) return false;
+  layout_ = base_.channel_info_size == IndexShape(Layout::kLegacy).channel_size ? Layout::kLegacy
+                                                                                : Layout::kCurrent;
+  const IndexShape shape(layout_);
+  if (base_.channel_info_size != shape.channel_size) return false;
+  const size_t start = base_.gop_start_offset != 0 ? base_.gop_start_offset : shape.gop_start;
+  if (start < shape.gop_start || start > file.size()) return false;
+  const auto begin = file.begin() + static_cast<std::ptrdiff_t>(start);
+  head_.assign(file.begin(), begin);
+  gops_.assign(begin, file.end());
+  return true;
+}
+
+pvr_gop_info_s SoundRecords::record(uint64_t number) const {
+  const size_t size = IndexShape(layout_).gop_size;
+  pvr_gop_info_s gop{};
+  std::memcpy(&gop, gops_.data() + number * size, std::min(size, sizeof gop));
+  return gop;
+}
+
+// Slots lie 232 bytes apart in both layouts. A slot always has a legacy record's length behind it.
+Channel SoundRecords::channel(unsigned slot) const {
+  const uint8_t *const at =
+      head_.data() + GST_INDEX_BASE_TABLE_SIZE + size_t{slot} * sizeof(pvr_channel_info_s);
+  pvr_channel_info_s current{};
+  if (layout_ == Layout::kCurrent) {
+    std::memcpy(&current, at, sizeof current);
+  } else {
+    pvr_pelko_channel_info_s legacy{};
+    std::memcpy(&legacy, at, sizeof legacy);
+    gst_index_parser_convert_pelko_channel_info_to_nolva(&legacy, &current);
+  }
+  return channel_from_record(current);
+}
+
+bool SoundRecords::is_sound(const pvr_gop_info_s &gop, const StreamScan &stream) const {
+  if (gop.index_of_channel >= GST_INDEX_CHANNEL_SLOTS || gop.video_pid >= kPids) return false;
+  const Channel described = channel(gop.index_of_channel);
+  if (described.video_pid != gop.video_pid || !is_known(described.codec)) return false;
+  const uint64_t packets = stream.packets();
+  const bool inside = gop.iframe_size > 0 && gop.packet_count < packets &&
+                      gop.iframe_size <= packets - gop.packet_count;
+  const bool goes_on = gop.next_gop_first_packet_count > gop.packet_count &&
+                       gop.next_gop_first_packet_count <= packets &&
+                       gop.next_gop_first_time > gop.time_code &&
+                       gop.time_code >= base_.start_time_code && gop.time_code <= INT32_MAX;
+  if (!inside || !goes_on) return false;
+  std::array<uint8_t, kPacketSize> packet{};
+  return stream.packet(gop.packet_count, packet.data()) &&
+         begins_picture(packet.data(), gop.video_pid);
+}
+
+bool SoundRecords::follows(const pvr_gop_info_s &gop, const pvr_gop_info_s &before) const {
+  return gop.packet_count == before.next_gop_first_packet_count &&
+         gop.time_code == before.next_gop_first_time && gop.pts == before.next_gop_pts;
+}
+
+bool SoundRecords::agrees_with_base(const StreamScan &stream) const {
+  const pvr_gop_info_s gop = last();
+  return base_.end_time_code == gop.next_gop_first_time &&
+         base_.total_size == stream.packets() * kPacketSize &&
+         gop.next_gop_first_packet_count == stream.packets();
+}
+
+std::vector<uint8_t> SoundRecords::bytes_before_last() const {
+  const auto size = static_cast<std::ptrdiff_t>((count_ - 1) * IndexShape(layout_).gop_size);
+  return {gops_.begin(), gops_.begin() + size};
+}
+
+uint32_t SoundRecords::duration() const {
+  return count_ == 0 ? 0 : last().next_gop_first_time - base_.start_time_code;
+}
+
+}  // namespace plexa::rec
