@@ -1,0 +1,132 @@
+#include "sheet.h"
+
+#include <cairo.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "failure.h"
+#include "gst-plexa/gst_thumbnail_common.h"
+#include "text.h"
+
+namespace plexa::pvr {
+namespace {
+
+constexpr int kPictureHeight = 216;
+constexpr int kMargin = 12;
+constexpr int kTitleHeight = 28;
+constexpr int kCaptionHeight = 24;
+constexpr double kFontSize = 15;
+
+struct Destroy {
+  void operator()(cairo_surface_t *surface) const { cairo_surface_destroy(surface); }
+  void operator()(cairo_t *context) const { cairo_destroy(context); }
+};
+using Surface = std::unique_ptr<cairo_surface_t, Destroy>;
+using Context = std::unique_ptr<cairo_t, Destroy>;
+
+void draw_text(cairo_t *to, const std::string &text, double x, double y) {
+  cairo_set_source_rgb(to, 0.92, 0.92, 0.92);
+  cairo_move_to(to, x, y);
+  cairo_show_text(to, text.c_str());
+}
+
+void draw_centred(cairo_t *to, const std::string &text, double middle, double y) {
+  cairo_text_extents_t extents;
+  cairo_text_extents(to, text.c_str(), &extents);
+  draw_text(to, text, middle - extents.width / 2 - extents.x_bearing, y);
+}
+
+void draw_image(cairo_t *to, const Image &image, double x, double y) {
+  const Surface surface(cairo_image_surface_create_for_data(
+      const_cast<unsigned char *>(image.pixels.data()), CAIRO_FORMAT_RGB24, image.width,
+      image.height, image.width * 4));
+  cairo_set_source_surface(to, surface.get(), x, y);
+  cairo_paint(to);
+}
+
+int sheet_width(const std::vector<SheetPicture> &pictures) {
+  int width = kMargin;
+  for (const SheetPicture &picture : pictures) width += picture.image.width + kMargin;
+  return width;
+}
+
+cairo_status_t append_bytes(void *to, const unsigned char *data, unsigned int size) {
+  auto *const bytes = static_cast<std::vector<uint8_t> *>(to);
+  bytes->insert(bytes->end(), data, data + size);
+  return CAIRO_STATUS_SUCCESS;
+}
+
+std::vector<uint8_t> read_whole_file(const std::string &path) {
+  gchar *contents = nullptr;
+  gsize size = 0;
+  GError *error = nullptr;
+  if (!g_file_get_contents(path.c_str(), &contents, &size, &error)) {
+    const Failure failure(error->message);
+    g_error_free(error);
+    throw failure;
+  }
+  std::vector<uint8_t> bytes(contents, contents + size);
+  g_free(contents);
+  return bytes;
+}
+
+}  // namespace
+
+std::vector<gint32> sheet_times(gint32 total_time) {
+  const gint32 interval = total_time / GST_THUMBNAIL_PICTURES;
+  std::vector<gint32> times;
+  for (gint32 i = 0; i < GST_THUMBNAIL_PICTURES; ++i) {
+    times.push_back(i * interval / 1000 * 1000);
+  }
+  return times;
+}
+
+std::vector<SheetPicture> decode_thumbnails(const std::string &thm_path, gint32 total_time,
+                                            const std::vector<guint32> &sizes,
+                                            const std::vector<gint32> &codes) {
+  const std::vector<uint8_t> bytes = read_whole_file(thm_path);
+  const std::vector<gint32> times = sheet_times(total_time);
+  std::vector<SheetPicture> pictures;
+  std::unique_ptr<PictureDecoder> decoder;
+  size_t at = 0;
+  for (size_t i = 0; i < times.size(); ++i) {
+    if (sizes[i] > bytes.size() - at) throw path_failure(thm_path, "shorter than its pictures");
+    if (decoder == nullptr || codes[i] != codes[i - 1]) {
+      decoder = std::make_unique<PictureDecoder>(codes[i], PictureDecoder::Output::kPixels,
+                                                 kPictureHeight);
+    }
+    pictures.push_back({times[i], decoder->decode({bytes.data() + at, sizes[i]})});
+    at += sizes[i];
+  }
+  return pictures;
+}
+
+std::vector<uint8_t> draw_sheet(const std::string &title,
+                                const std::vector<SheetPicture> &pictures) {
+  const int height = kTitleHeight + kPictureHeight + kCaptionHeight + kMargin;
+  const Surface surface(
+      cairo_image_surface_create(CAIRO_FORMAT_RGB24, sheet_width(pictures), height));
+  const Context context(cairo_create(surface.get()));
+  cairo_set_source_rgb(context.get(), 0.11, 0.12, 0.13);
+  cairo_paint(context.get());
+  cairo_select_font_face(context.get(), "sans-serif", CAIRO_FONT_SLANT_NORMAL,
+                         CAIRO_FONT_WEIGHT_NORMAL);
+  cairo_set_font_size(context.get(), kFontSize);
+  draw_text(context.get(), title, kMargin, kTitleHeight - 8);
+  int x = kMargin;
+  for (const SheetPicture &picture : pictures) {
+    draw_image(context.get(), picture.image, x, kTitleHeight);
+    draw_centred(context.get(), clock_text(picture.time), x + picture.image.width / 2.0,
+                 kTitleHeight + kPictureHeight + kCaptionHeight - 5);
+    x += picture.image.width + kMargin;
+  }
+  std::vector<uint8_t> png;
+  if (cairo_surface_write_to_png_stream(surface.get(), append_bytes, &png) !=
+      CAIRO_STATUS_SUCCESS) {
+    throw Failure("the contact sheet could not be drawn");
+  }
+  return png;
+}
+
+}  // namespace plexa::pvr
