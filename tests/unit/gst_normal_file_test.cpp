@@ -399,6 +399,7 @@ TEST_P(LayerTest, AFailedWriteIsLoggedAndReturned) {
 TEST_P(LayerTest, NoBytesAreNoFailure) {
   given_open(kRead);
   EXPECT_EQ(gst_normal_file_read(handle_.get(), nullptr, 0), 0);
+  EXPECT_THAT(LogCapture::messages(), IsEmpty());
   handle_.close();
   given_open(kWrite);
   EXPECT_EQ(gst_normal_file_write(handle_.get(), nullptr, 0), 0);

@@ -87,13 +87,14 @@ extern "C" UNSANITIZED int CLOCK_SYMBOL(clockid_t clock, timespec *now) noexcept
   return real(clock, now);
 }
 
-void *operator new(size_t size) {
+// Not inlined: half inlined, the optimiser takes malloc and delete for a mismatched pair.
+[[gnu::noinline]] void *operator new(size_t size) {
   ++allocations;
   if (void *const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void *memory) noexcept { std::free(memory); }
-void operator delete(void *memory, size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void *memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept { std::free(memory); }
 
 namespace plexa_test {
 namespace {
