@@ -56,50 +56,45 @@ gint64 _gst_file_direct_io_get_file_info(GstPvrFile *file, gint32 *descriptor, g
 }
 
 // Reads the blocks that hold count bytes from head on, head counted from the descriptor's aligned
-// position; head + count fits the bounce buffer. Delivers what arrived, which may be less.
-gint64 read_piece(GstPvrFile *file, gint32 *descriptor, guint8 *out, gint64 head, gint64 count) {
+// position; head + count fits the bounce buffer. Delivers what arrived of the first wanted bytes.
+gint64 _read_piece(GstPvrFile *file, gint32 *descriptor, guint8 *out, gint64 head, gint64 count,
+                   gint64 wanted) {
   const auto span = static_cast<guint32>(round_up(head + count));
   const gint64 arrived = gst_file_io_read(file, descriptor, file->tpbuf, span);
   if (arrived < 0) return arrived;
-  const gint64 delivered = std::clamp<gint64>(arrived - head, 0, count);
+  const gint64 delivered = std::clamp<gint64>(arrived - head, 0, wanted);
   std::memcpy(out, static_cast<const guint8 *>(file->tpbuf) + head, static_cast<size_t>(delivered));
   return delivered;
 }
 
-// Reads count bytes piece by piece. A whole piece ends where the bounce buffer ends, on a block
-// boundary, so the next one goes on without a seek. A failure hides what arrived before it only
-// when that is nothing: a caller that asks again meets the same failure.
-gint64 read_pieces(GstPvrFile *file, gint32 *descriptor, guint8 *out, gint64 head, gint64 count) {
-  gint64 delivered = 0;
-  while (delivered < count) {
-    const gint64 piece = std::min(count - delivered, kBounceSize - head);
-    const gint64 got = read_piece(file, descriptor, out + delivered, head, piece);
-    if (got < 0) {
-      PLX_ERROR("[PLG_ERR] count < 0");
-      return delivered > 0 ? delivered : got;
-    }
-    delivered += got;
-    if (got < piece) break;
+// Reads count bytes piece by piece and delivers the first wanted of them, those that the file has.
+// A whole piece ends where the bounce buffer ends, on a block boundary, so the next one goes on
+// without a seek. *delivered grows with every piece; the result is negative when a piece fails.
+gint64 _read_pieces(GstPvrFile *file, gint32 *descriptor, guint8 *out, gint64 head, gint64 count,
+                    gint64 wanted, gint64 *delivered) {
+  while (*delivered < wanted) {
+    const gint64 piece = std::min(count - *delivered, kBounceSize - head);
+    const gint64 piece_wanted = std::min(wanted - *delivered, piece);
+    const gint64 got = _read_piece(file, descriptor, out + *delivered, head, piece, piece_wanted);
+    if (got < 0) return got;
+    *delivered += got;
+    if (got < piece_wanted) break;
     head = 0;
   }
-  return delivered;
+  return *delivered;
 }
 
-// The data and behind it sync bytes up to the next block. What a 32-bit count cannot carry is not
-// allocated in the first place.
-gint64 write_padded(GstPvrFile *file, gint32 *descriptor, const void *buffer, gint64 size) {
+// The data and behind it sync bytes up to the next block; null when there is no memory. What a
+// 32-bit count cannot carry is not allocated in the first place.
+PageBuffer _padded_copy(const void *buffer, gint64 size) {
   PageBuffer padded;
   if (size <= round_down(G_MAXUINT32)) padded = allocate_pages(round_up(size));
-  if (padded == nullptr) {
-    PLX_ERROR("[PLG_ERR] pbuff is NULL");
-    return -1;
-  }
+  if (padded == nullptr) return padded;
   const auto bytes = static_cast<size_t>(size);
-  const auto rounded = static_cast<size_t>(round_up(size));
   auto *const data = static_cast<guint8 *>(padded.get());
   std::memcpy(data, buffer, bytes);
-  std::memset(data + bytes, kPadding, rounded - bytes);
-  return gst_file_io_write(file, descriptor, data, static_cast<guint32>(rounded));
+  std::memset(data + bytes, kPadding, static_cast<size_t>(round_up(size)) - bytes);
+  return padded;
 }
 
 }  // namespace
@@ -153,9 +148,15 @@ gint64 gst_file_direct_io_read(GstPvrFile *file, gint32 *descriptor, void *buffe
     PLX_ERROR("[PLG_ERR] count < 0");
     return -1;
   }
-  const gint64 delivered = read_pieces(file, descriptor, static_cast<guint8 *>(buffer),
-                                       curpos - start, std::min(count, file_size - curpos));
-  if (delivered < 0) return delivered;
+  gint64 delivered = 0;
+  const gint64 result =
+      _read_pieces(file, descriptor, static_cast<guint8 *>(buffer), curpos - start, count,
+                   std::min(count, file_size - curpos), &delivered);
+  if (result < 0) {
+    PLX_ERROR("[PLG_ERR] count < 0");
+    // What arrived before the failure is delivered; a caller that asks again meets it again.
+    if (delivered == 0) return result;
+  }
   if (gst_file_io_seek(file, descriptor, curpos + delivered, SEEK_SET) < 0) {
     PLX_ERROR("[PLG_ERR] count < 0");  // the bytes are there all the same
   }
@@ -168,6 +169,13 @@ gint64 gst_file_direct_io_write(GstPvrFile *file, gint32 *descriptor, const void
     PLX_ERROR("[PLG_ERR] size < 0 [%lld]", static_cast<long long>(size));
     return -1;
   }
-  if (size % kBlock != 0) return write_padded(file, descriptor, buffer, size);
-  return gst_file_io_write(file, descriptor, buffer, static_cast<guint32>(size));
+  if (size % kBlock == 0) {
+    return gst_file_io_write(file, descriptor, buffer, static_cast<guint32>(size));
+  }
+  const PageBuffer padded = _padded_copy(buffer, size);
+  if (padded == nullptr) {
+    PLX_ERROR("[PLG_ERR] pbuff is NULL");
+    return -1;
+  }
+  return gst_file_io_write(file, descriptor, padded.get(), static_cast<guint32>(round_up(size)));
 }

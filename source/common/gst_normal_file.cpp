@@ -60,7 +60,6 @@ gint64 gst_normal_file_open(GstPvrFile *file, const gchar *path, guint8 read_mod
   GstNormalFile *const normal = state_of(file);
   *normal = {-1, -1, path, read_mode};
   file->tpbuf = nullptr;
-  if (path == nullptr) return -1;
   normal->key = gst_shared_info_add_item(gst_shared_info_get(), path, read_mode, kNotListed, file);
   if (normal->key < 0) {
     normal->path = nullptr;
