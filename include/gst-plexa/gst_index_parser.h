@@ -220,7 +220,8 @@ GST_PLEXA_API void gst_index_parser_set_mdb_file_type(GstIndexParser *parser, co
 GST_PLEXA_API gint32 gst_index_parser_start(GstIndexParser *parser);
 
 /**
- * Load the base table alone, as start does.
+ * Load the base table alone: the part of start that reads it. Works on a parser that was started
+ * once, for the table's new values in a growing file; before that it knows no table size and fails.
  *
  * @return TRUE; FALSE when the handle cannot be read or the version is not a known one.
  */

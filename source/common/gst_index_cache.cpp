@@ -59,6 +59,10 @@ gint32 _count_gops(const GstIndexParser &parser, gint64 bytes) {
   return static_cast<gint32>(std::min(bytes / parser.gop_info_size, kCacheRecords));
 }
 
+bool _begins_at_zero(const pvr_base_table_s &base) {
+  return base.start_time_code == 0 && base.start_packet_count == 0;
+}
+
 void _make_relative(const pvr_base_table_s &base, pvr_gop_info_s *gop) {
   gop->time_code -= base.start_time_code;
   gop->last_frame_time -= base.start_time_code;
@@ -74,7 +78,17 @@ void _take_window(GstIndexParser *parser, gint64 start, gint64 target, gint32 co
   parser->cached_end_abs_index = static_cast<guint32>(start + count - 1);
   parser->cached_current_index = static_cast<guint32>(target - start);
   parser->cached_end_index = static_cast<guint32>(count - 1);
+  if (_begins_at_zero(parser->base_table)) return;  // as most recordings do
   for (gint32 i = 0; i < count; ++i) _make_relative(parser->base_table, &parser->gop_cache[i]);
+}
+
+// A new cache is empty; the indices must not speak of an old one.
+void _forget_window(GstIndexParser *parser) {
+  parser->cached_current_index = 0;
+  parser->cached_start_index = 0;
+  parser->cached_end_index = 0;
+  parser->cached_start_abs_index = 0;
+  parser->cached_end_abs_index = 0;
 }
 
 template <typename Position>
@@ -124,6 +138,7 @@ gint32 gst_index_parser_cache_initial_gop(GstIndexParser *parser, gint32 flag) {
     return kFailed;
   }
   PLX_INFO("IndexParser GOP Table alloc success");
+  _forget_window(parser);
   if (flag != 0) return 0;
   const gint32 loaded = gst_index_parser_read_gop(parser, 0);
   if (loaded < 0) PLX_ERROR("[PLG_ERR] ReadGOP Failed");

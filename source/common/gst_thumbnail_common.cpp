@@ -126,13 +126,6 @@ bool _remove_old_mark(gchar *thm_path) {
   return gone;
 }
 
-bool _write_picture(GstPvrFile *thm, const Picture &picture) {
-  const gint64 ret = gst_pvr_file_write(thm, picture.bytes, gint64{picture.size});
-  if (ret == gint64{picture.size}) return true;
-  PLX_ERROR("[PLG_ERR] gst_pvr_file_write failed, file_ret = [%lld]", static_cast<long long>(ret));
-  return false;
-}
-
 bool _add_picture(const gchar *path, gint32 number, gint32 time, gint32 average, GstPvrFile *thm,
                   Results &results) {
   Picture picture;
@@ -145,10 +138,14 @@ bool _add_picture(const gchar *path, gint32 number, gint32 time, gint32 average,
       "[THM_OUT]Thumbnail:%d, time = [%d], size = [%d], codec = [%d](UNKOWN: -1, MPEG2:0, H264:1, "
       "JPEG:2, AVS:3, H265:4)",
       number, time, picture.size, picture.code);
-  const bool written = _write_picture(thm, picture);
+  const gint64 ret = gst_pvr_file_write(thm, picture.bytes, gint64{picture.size});
   gst_thumbnail_release_buffer(&picture.bytes);
   picture.bytes = nullptr;
-  if (!written) return false;
+  if (ret != gint64{picture.size}) {
+    PLX_ERROR("[PLG_ERR] gst_pvr_file_write failed, file_ret = [%lld]",
+              static_cast<long long>(ret));
+    return false;
+  }
   results.sizes[static_cast<size_t>(number)] = picture.size;
   results.codes[static_cast<size_t>(number)] = picture.code;
   return true;

@@ -97,18 +97,32 @@ void _fill_parse_buffer(guint8 *rbsp, const guint8 *es, guint32 size, guint32 fr
   std::memset(rbsp + held, 0, kParseBufferSize - held);
 }
 
+// A picture comes with one SPS or a few. What comes with more is not honest, and of those only the
+// last, which counts, is parsed: the work stays in proportion to the picture.
+constexpr gint32 kMostSpsParsed = 64;
+
 bool _is_field_picture(const guint8 *es, guint32 size, guint8 *rbsp) {
   gint32 frame_mbs_only_flag = -1;
   gint32 frame_num_width = -1;
+  gint32 sps_seen = 0;
+  guint32 sps_left = 0;  // where the SPS begins that is still to be parsed; 0: there is none
+  const auto parse_sps = [&](guint32 from) {
+    _fill_parse_buffer(rbsp, es, size, from);
+    h264_decode_sps_ex(rbsp, kParseBufferSize, &frame_mbs_only_flag, &frame_num_width);
+  };
   for (guint32 at = _next_nal_header(es, size, 0); at < size; at = _next_nal_header(es, size, at)) {
     const guint8 header = es[at++];
     const guint8 type = header & 31;
     PLX_INFO("nal_ref_idc: %d, nal_unit_type: %d", (header >> 5) & 3, type);
     if (type == kNalSps) {
-      _fill_parse_buffer(rbsp, es, size, at);
-      h264_decode_sps_ex(rbsp, kParseBufferSize, &frame_mbs_only_flag, &frame_num_width);
+      if (++sps_seen <= kMostSpsParsed) {
+        parse_sps(at);
+      } else {
+        sps_left = at;
+      }
       ++at;
     } else if ((type & 27) == 1) {  // 1 and 5: a coded slice
+      if (sps_left != 0) parse_sps(sps_left);
       if (frame_mbs_only_flag == -1 || frame_num_width == -1) return false;
       _fill_parse_buffer(rbsp, es, size, at);
       return h264_decode_slice_header_ex(rbsp, kParseBufferSize, frame_mbs_only_flag,

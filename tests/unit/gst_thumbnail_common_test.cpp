@@ -569,6 +569,8 @@ TEST_F(ThumbnailFile, AFailedWriteFails) {
   EXPECT_EQ(read_file(thm()), pictures({0}));
   EXPECT_FALSE(exists(tm()));
   EXPECT_EQ(LogCapture::count(kInfo, kReleased), 2) << "the picture is given back all the same";
+  EXPECT_TRUE(logged_in_order(
+      {kReleased, kReleased, "[EXT_THM] [PLG_ERR] gst_pvr_file_write failed, file_ret = [-1]"}));
 }
 
 TEST_F(ThumbnailFile, AShortWriteFails) {

@@ -401,6 +401,16 @@ TEST_F(FieldDecision, EveryPrefixOfAPictureIsAFrameOrAField) {
   }
 }
 
+// Whatever their number, the last SPS before the slice counts.
+TEST_F(FieldDecision, TheLastOfManySpsCounts) {
+  for (const int frames : {1, 63, 64, 65, 500}) {
+    Bytes es;
+    for (int i = 0; i < frames; ++i) es = join({es, sps(true)});
+    EXPECT_EQ(decide(join({es, sps(false), slice(true)})), 1) << frames;
+    EXPECT_EQ(decide(join({sps(false), es, slice(true)})), 0) << frames;
+  }
+}
+
 TEST_F(FieldDecision, WithoutMemoryThereIsNoDecision) {
   Faults faults;
   faults.fail("calloc", ENOMEM);
