@@ -15,7 +15,7 @@ using Block = plexa::HeapPtr<guint8>;
 
 // A block of exactly size bytes, so that one byte too many is seen.
 Block exact_copy(const uint8_t *data, size_t size) {
-  Block block(static_cast<guint8 *>(std::malloc(size == 0 ? 1 : size)));
+  Block block(static_cast<guint8 *>(std::calloc(size, 1)));
   if (size != 0) std::memcpy(block.get(), data, size);
   return block;
 }

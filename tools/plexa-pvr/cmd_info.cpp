@@ -17,8 +17,8 @@ extern const Command kInfo;
 
 namespace {
 
-// The bit rate is looked up at this many times, evenly spread.
-constexpr gint32 kBitRateLookups = 1000;
+// The bit rate is looked up for this many GOPs at most, evenly spread.
+constexpr gint64 kBitRateLookups = 1000;
 
 struct ChannelUse {
   gint64 gops = 0;
@@ -33,12 +33,17 @@ struct Figures {
   guint32 longest_gop = 0;
   std::map<guint16, ChannelUse> channels;  // by slot
   double mean_bit_rate = 0;
+  std::vector<gint32> lookup_times;
   std::vector<gint32> bit_rates;  // rising
 };
 
 void count_gops(Recording &recording, Figures &figures) {
   guint64 first = 0;
+  const gint64 step = (recording.gops() - 1) / kBitRateLookups + 1;
   recording.for_each_gop(0, [&](gint64 number, const pvr_gop_info_s &gop) {
+    if (number % step == 0) {
+      figures.lookup_times.push_back(static_cast<gint32>(gop.time_code));
+    }
     const guint32 length = gop.next_gop_first_time - gop.time_code;
     if (number == 0) first = gop.packet_count;
     figures.indexed_packets = gop.next_gop_first_packet_count - first;
@@ -52,11 +57,8 @@ void count_gops(Recording &recording, Figures &figures) {
 }
 
 void look_up_bit_rates(Recording &recording, Figures &figures) {
-  const auto lookups = static_cast<gint32>(std::min<gint64>(recording.gops(), kBitRateLookups));
-  for (gint32 i = 0; i < lookups; ++i) {
-    const gint64 time = gint64{figures.duration} * i / lookups;
-    const gint32 rate =
-        gst_index_parser_get_estimated_bitrate(recording.parser(), static_cast<gint32>(time));
+  for (const gint32 time : figures.lookup_times) {
+    const gint32 rate = gst_index_parser_get_estimated_bitrate(recording.parser(), time);
     if (rate >= 0) figures.bit_rates.push_back(rate);
   }
   std::sort(figures.bit_rates.begin(), figures.bit_rates.end());

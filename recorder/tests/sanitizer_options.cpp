@@ -1,0 +1,1 @@
+#include "sanitizer_options.h"
