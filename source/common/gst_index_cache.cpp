@@ -26,7 +26,7 @@ gint64 _read_nolva_gops(GstIndexParser *parser) {
   if (bytes < 0) {
     PLX_ERROR("[PLG_ERR] m_IndexFile->Read Failed: %lld\n", static_cast<long long>(bytes));
   }
-  return std::min(bytes, kCacheBytes);
+  return bytes;
 }
 
 gint64 _read_pelko_gops(GstIndexParser *parser) {
@@ -46,14 +46,15 @@ gint64 _read_pelko_gops(GstIndexParser *parser) {
   for (gint64 i = 0; i < count; ++i) {
     gst_index_parser_convert_pelko_gop_info_to_nolva(&pelko[i], &parser->gop_cache[i]);
   }
-  return std::min(bytes, kPelkoReadBytes);
+  return bytes;
 }
 
 gint64 _read_gops(GstIndexParser *parser) {
   return parser->is_pelko_mdb ? _read_pelko_gops(parser) : _read_nolva_gops(parser);
 }
 
-// A partly written record at the end of the file is left out.
+// A partly written record at the end of the file is left out, and no answer of the back-end makes
+// more records than the window has slots.
 gint32 _count_gops(const GstIndexParser &parser, gint64 bytes) {
   if (parser.gop_info_size == 0) return 0;
   return static_cast<gint32>(std::min(bytes / parser.gop_info_size, kCacheRecords));

@@ -111,6 +111,14 @@ TEST_F(WindowTest, RecordsAreRelativeToTheRecordingsStart) {
   }
 }
 
+TEST_F(WindowTest, EitherStartAloneMakesRecordsRelative) {
+  start_index(small_index().base([](auto &b) { b.start_time_code = 1000; }).gops(2, 500, 1000));
+  EXPECT_EQ(parser_.gop_cache[1].time_code, 500u);
+  close_index();
+  start_index(small_index().base([](auto &b) { b.start_packet_count = 50; }).gops(2, 500, 1000));
+  EXPECT_EQ(parser_.gop_cache[1].packet_count, 1000u);
+}
+
 TEST_F(WindowTest, RecordsBeforeTheStartWrap) {
   start_index(small_index().gop(pvr_gop_info_s{}).base([](auto &b) {
     b.start_time_code = 1;
@@ -264,6 +272,14 @@ TEST_F(InitialLoadTest, FlagOtherThanZeroOnlyAllocates) {
   EXPECT_EQ(faults.count("read"), 0);
   EXPECT_THAT(parser_lines(), ElementsAre("IndexParser GOP Table alloc success"));
   for (int slot = 0; slot < 32; ++slot) EXPECT_EQ(parser_.gop_cache[slot].next_gop_pts, 0u);
+}
+
+TEST_F(InitialLoadTest, NewWindowKnowsNothingOfTheOldOne) {
+  start_index(small_index().gops(200, 500, 1000));
+  gst_index_parser_read_gop(&parser_, 100);
+  EXPECT_EQ(gst_index_parser_cache_initial_gop(&parser_, 1), 0);
+  EXPECT_EQ(window_of(parser_), (Window{0, 0, 0, 0, 0}));
+  EXPECT_EQ(parser_.gop_cache[0].time_code, 0u);
 }
 
 TEST_F(InitialLoadTest, FlagZeroAlsoLoads) {

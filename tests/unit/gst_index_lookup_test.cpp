@@ -357,6 +357,15 @@ TEST_F(TimeByOffsetTest, NoRecordMakesItOverflow) {
   }
 }
 
+TEST_F(TimeByOffsetTest, GopLongerThanAnyFileIsNotDivided) {
+  pvr_gop_info_s gop{};
+  gop.packet_count = guint64{1} << 61;                 // x 188 wraps to -2^63
+  gop.next_gop_first_packet_count = guint64{3} << 60;  // x 188 wraps to 2^62
+  gop.next_gop_first_time = 500;
+  start_index(small_index().gop(gop));
+  EXPECT_EQ(time_at(gint64{1} << 61), 0);
+}
+
 TEST_F(TimeByOffsetTest, LastStepIsComputedIn32Bits) {
   one_gop(5000, 60000000);  // a GOP of 16 hours: x 50 passes 2^31
   EXPECT_EQ(time_at(470000), static_cast<gint32>(60000000u * 50) / 100);
