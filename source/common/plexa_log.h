@@ -47,12 +47,12 @@ class KeepErrno {
 
 }  // namespace plexa
 
-#define PLX_LOG_AREA_LINE(priority, area, format, ...)                                          \
-  do {                                                                                          \
-    const ::plexa::KeepErrno keep_errno_;                                                       \
-    __dlog_print(::plexa::kLogBuffer, (priority), ::plexa::kLogTag,                             \
-                 "%s: %s(%d) > [%s][%s][" area "] " format, __FILE_NAME__, __func__, __LINE__,  \
-                 PLEXA_VERSION, ::plexa::log_stamp() __VA_OPT__(, ) __VA_ARGS__);               \
+#define PLX_LOG_AREA_LINE(priority, area, format, ...)                                         \
+  do {                                                                                         \
+    const ::plexa::KeepErrno keep_errno_;                                                      \
+    __dlog_print(::plexa::kLogBuffer, (priority), ::plexa::kLogTag,                            \
+                 "%s: %s(%d) > [%s][%s][" area "] " format, __FILE_NAME__, __func__, __LINE__, \
+                 PLEXA_VERSION, ::plexa::log_stamp() __VA_OPT__(, ) __VA_ARGS__);              \
   } while (0)
 
 #define PLX_INFO(format, ...) \

@@ -83,8 +83,8 @@ void give_up_overriding_permissions() {
   ::prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0);
 }
 
-// Of a build with sanitizers: whole call stacks, so that what GLib keeps on purpose can be told from
-// what the program leaks, and an exit code that no command has.
+// Of a build with sanitizers: whole call stacks, so that what GLib keeps on purpose can be told
+// from what the program leaks, and an exit code that no command has.
 void set_sanitizer_options() {
   ::setenv("ASAN_OPTIONS", "fast_unwind_on_malloc=0:exitcode=99", 1);
   ::setenv("UBSAN_OPTIONS", "print_stacktrace=1:exitcode=99", 1);

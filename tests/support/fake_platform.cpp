@@ -54,8 +54,7 @@ int system_info_get_value_string(int key, char **value) {
 int ppi_pvr_control_file_truncate_range(int fd, const pvr_truncate_range_s *request) {
   auto &fake = fake_platform();
   if (fake.truncate_range) {
-    return fake.truncate_range(fd, request->start_offset, request->end_offset,
-                               request->file_name);
+    return fake.truncate_range(fd, request->start_offset, request->end_offset, request->file_name);
   }
   errno = ENOSYS;
   return -1;

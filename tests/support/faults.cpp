@@ -19,10 +19,31 @@
 namespace plexa_test {
 namespace {
 
-constexpr std::array kNames = {"access", "calloc", "clock_gettime", "close",  "fcntl",  "fsync",
-                               "link",   "lseek64", "malloc",       "open64", "popen",  "pread64",
-                               "pthread_mutex_lock", "pwrite64", "read", "realloc", "realpath", "rename",
-                               "stat64", "sync",   "times", "unlink", "usleep", "valloc", "write"};
+constexpr std::array kNames = {"access",
+                               "calloc",
+                               "clock_gettime",
+                               "close",
+                               "fcntl",
+                               "fsync",
+                               "link",
+                               "lseek64",
+                               "malloc",
+                               "open64",
+                               "popen",
+                               "pread64",
+                               "pthread_mutex_lock",
+                               "pwrite64",
+                               "read",
+                               "realloc",
+                               "realpath",
+                               "rename",
+                               "stat64",
+                               "sync",
+                               "times",
+                               "unlink",
+                               "usleep",
+                               "valloc",
+                               "write"};
 
 int index_of(const char *name) {
   for (size_t i = 0; i < kNames.size(); ++i) {
@@ -33,7 +54,7 @@ int index_of(const char *name) {
 
 struct Rule {
   int seen = 0;
-  int fail_at = 0;   // the call with this number fails
+  int fail_at = 0;       // the call with this number fails
   bool fail_on = false;  // every call fails
   int error = 0;
   int short_at = 0;
@@ -74,8 +95,8 @@ Verdict judge_locked(State &state, int call, int fd, const char *path, long long
   Rule &rule = state.rules[static_cast<size_t>(call)];
   ++rule.seen;
   const std::string_view name = kNames[static_cast<size_t>(call)];
-  if (name != "malloc" && name != "calloc" && name != "realloc" && name != "valloc" && name != "clock_gettime" &&
-      name != "pthread_mutex_lock") {
+  if (name != "malloc" && name != "calloc" && name != "realloc" && name != "valloc" &&
+      name != "clock_gettime" && name != "pthread_mutex_lock") {
     state.order.push_back(call);
   }
   if (rule.watcher) rule.watcher(fd, path, number);
@@ -247,12 +268,12 @@ char *__wrap_realpath(const char *path, char *resolved) {
   return judge("realpath", -1, path).fail ? nullptr : __real_realpath(path, resolved);
 }
 
-#define PLX_WRAP_ALLOCATION(name, params, args, size)                        \
-  void *__real_##name params;                                                \
-  void *__wrap_##name params;                                                \
-  void *__wrap_##name params {                                               \
+#define PLX_WRAP_ALLOCATION(name, params, args, size)                                 \
+  void *__real_##name params;                                                         \
+  void *__wrap_##name params;                                                         \
+  void *__wrap_##name params {                                                        \
     if (judge(#name, -1, nullptr, static_cast<long long>(size)).fail) return nullptr; \
-    return __real_##name args;                                               \
+    return __real_##name args;                                                        \
   }
 
 PLX_WRAP_ALLOCATION(malloc, (size_t size), (size), size)
@@ -260,15 +281,15 @@ PLX_WRAP_ALLOCATION(calloc, (size_t count, size_t size), (count, size), count *s
 PLX_WRAP_ALLOCATION(realloc, (void *memory, size_t size), (memory, size), size)
 PLX_WRAP_ALLOCATION(valloc, (size_t size), (size), size)
 
-#define PLX_WRAP_TRANSFER(name, call, params, args, fd, size)                        \
-  ssize_t __real_##name params;                                                      \
-  ssize_t __wrap_##name params;                                                      \
-  ssize_t __wrap_##name params {                                                     \
-    const Verdict verdict = judge(call, fd, nullptr, static_cast<long long>(size));  \
-    if (verdict.fail) return -1;                                                     \
-    if (verdict.answered) return verdict.result;                                     \
-    size = limited(size, verdict);                                                   \
-    return __real_##name args;                                                       \
+#define PLX_WRAP_TRANSFER(name, call, params, args, fd, size)                       \
+  ssize_t __real_##name params;                                                     \
+  ssize_t __wrap_##name params;                                                     \
+  ssize_t __wrap_##name params {                                                    \
+    const Verdict verdict = judge(call, fd, nullptr, static_cast<long long>(size)); \
+    if (verdict.fail) return -1;                                                    \
+    if (verdict.answered) return verdict.result;                                    \
+    size = limited(size, verdict);                                                  \
+    return __real_##name args;                                                      \
   }
 
 PLX_WRAP_TRANSFER(read, "read", (int fd, void *buffer, size_t size), (fd, buffer, size), fd, size)
@@ -289,28 +310,28 @@ int __wrap_open64(const char *path, int flags, ...) {
   return judge("open64", -1, path, flags).fail ? -1 : __real_open64(path, flags, mode);
 }
 
-#define PLX_WRAP_FCNTL(name)                                                      \
-  int __real_##name(int fd, int command, void *argument);                         \
-  int __wrap_##name(int fd, int command, ...);                                    \
-  int __wrap_##name(int fd, int command, ...) {                                   \
-    va_list args;                                                                 \
-    va_start(args, command);                                                      \
-    void *const argument = va_arg(args, void *);                                  \
-    va_end(args);                                                                 \
+#define PLX_WRAP_FCNTL(name)                                                                      \
+  int __real_##name(int fd, int command, void *argument);                                         \
+  int __wrap_##name(int fd, int command, ...);                                                    \
+  int __wrap_##name(int fd, int command, ...) {                                                   \
+    va_list args;                                                                                 \
+    va_start(args, command);                                                                      \
+    void *const argument = va_arg(args, void *);                                                  \
+    va_end(args);                                                                                 \
     return judge("fcntl", fd, nullptr, command).fail ? -1 : __real_##name(fd, command, argument); \
   }
 
-#define PLX_WRAP_STAT(name)                                                  \
-  int __real_##name(const char *path, void *status);                         \
-  int __wrap_##name(const char *path, void *status);                         \
-  int __wrap_##name(const char *path, void *status) {                        \
+#define PLX_WRAP_STAT(name)                                                   \
+  int __real_##name(const char *path, void *status);                          \
+  int __wrap_##name(const char *path, void *status);                          \
+  int __wrap_##name(const char *path, void *status) {                         \
     return judge("stat64", -1, path).fail ? -1 : __real_##name(path, status); \
   }
 
-#define PLX_WRAP_CLOCK(name)                                                             \
-  int __real_##name(clockid_t clock, void *now);                                         \
-  int __wrap_##name(clockid_t clock, void *now);                                         \
-  int __wrap_##name(clockid_t clock, void *now) {                                        \
+#define PLX_WRAP_CLOCK(name)                                                                 \
+  int __real_##name(clockid_t clock, void *now);                                             \
+  int __wrap_##name(clockid_t clock, void *now);                                             \
+  int __wrap_##name(clockid_t clock, void *now) {                                            \
     return judge("clock_gettime", -1, nullptr, clock).fail ? -1 : __real_##name(clock, now); \
   }
 

@@ -21,7 +21,8 @@ class IndexBuilder {
   IndexBuilder &base(const std::function<void(pvr_base_table_s &)> &change);
   // A GOP in full; the next_gop_* fields are taken as they are.
   IndexBuilder &gop(const pvr_gop_info_s &record);
-  // A run of equal GOPs that goes on where the last one ended. PTS = 90 * time, I-frame = 10 packets.
+  // A run of equal GOPs that goes on where the last one ended. PTS = 90 * time, I-frame = 10
+  // packets.
   IndexBuilder &gops(int count, uint32_t milliseconds, uint64_t packets);
   IndexBuilder &channel(uint16_t slot, const pvr_channel_info_s &record);
   IndexBuilder &pelko_channel(uint16_t slot, const pvr_pelko_channel_info_s &record);

@@ -90,9 +90,9 @@ void LogCapture::set_hook(void (*hook)()) {
 
 ::testing::AssertionResult logged(int priority, const std::string &message) {
   if (LogCapture::count(priority, message) > 0) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "no line with priority " << priority << " and message\n  "
-                                       << message << "\nin\n"
-                                       << LogCapture::dump();
+  return ::testing::AssertionFailure()
+         << "no line with priority " << priority << " and message\n  " << message << "\nin\n"
+         << LogCapture::dump();
 }
 
 ::testing::AssertionResult logged_in_order(const std::vector<std::string> &messages) {
@@ -101,9 +101,9 @@ void LogCapture::set_hook(void (*hook)()) {
     if (next < messages.size() && message == messages[next]) ++next;
   }
   if (next == messages.size()) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure() << "missing, or out of order:\n  " << messages[next]
-                                       << "\nin\n"
-                                       << LogCapture::dump();
+  return ::testing::AssertionFailure()
+         << "missing, or out of order:\n  " << messages[next] << "\nin\n"
+         << LogCapture::dump();
 }
 
 }  // namespace plexa_test

@@ -43,7 +43,6 @@ class LogCapture {
 
 }  // namespace plexa_test
 
-#define EXPECT_LOGGED(priority, message) \
-  EXPECT_TRUE(::plexa_test::logged((priority), (message)))
+#define EXPECT_LOGGED(priority, message) EXPECT_TRUE(::plexa_test::logged((priority), (message)))
 #define EXPECT_NOT_LOGGED(priority, message) \
   EXPECT_EQ(::plexa_test::LogCapture::count((priority), (message)), 0) << (message)

@@ -9,9 +9,9 @@ Bytes ts_packet(uint16_t pid, const Bytes &payload, const PacketOptions &options
   packet[0] = 0x47;
   packet[1] = static_cast<uint8_t>((options.unit_start ? 0x40 : 0) | (pid >> 8));
   packet[2] = static_cast<uint8_t>(pid);
-  packet[3] = static_cast<uint8_t>((options.scrambling << 6) |
-                                   (options.adaptation_length ? 0x30 : 0x10) |
-                                   (options.continuity & 15));
+  packet[3] =
+      static_cast<uint8_t>((options.scrambling << 6) | (options.adaptation_length ? 0x30 : 0x10) |
+                           (options.continuity & 15));
   size_t at = 4;
   if (options.adaptation_length) {
     packet[4] = *options.adaptation_length;
@@ -25,8 +25,8 @@ Bytes ts_packet(uint16_t pid, const Bytes &payload, const PacketOptions &options
 
 Bytes pes(uint8_t stream_id, const Bytes &data, std::optional<uint64_t> pts,
           uint8_t header_data_length) {
-  Bytes out = {0, 0, 1, stream_id, 0, 0, 0x80, static_cast<uint8_t>(pts ? 0x80 : 0),
-               header_data_length};
+  Bytes out = {
+      0, 0, 1, stream_id, 0, 0, 0x80, static_cast<uint8_t>(pts ? 0x80 : 0), header_data_length};
   Bytes header(header_data_length, 0xff);
   if (pts && header_data_length >= 5) {
     const uint64_t t = *pts;

@@ -272,12 +272,12 @@ TEST_F(FailedOpenTest, ARefusedPathIsNotOpened) {
 TEST_F(FailedOpenTest, WithoutAPathNothingIsRegistered) {
   Handle handle;
   EXPECT_EQ(gst_normal_file_open(handle.get(), nullptr, kRead, 0, 0, 0), -1);
-  EXPECT_THAT(LogCapture::messages(),
-              ElementsAre("[EXT_FMG] enter gst_normal_file_open,file_path:(null),read_mode:1,"
-                          "direct_mode:0,append_mode:0",
-                          "[EXT_TOOL] [PLG_ERR] path is NULL",
-                          "[EXT_FMG] [PLG_ERR] path_no_ext is NULL",
-                          "[EXT_FMG] [PLG_ERR] key out of range,key =[-1]"));
+  EXPECT_THAT(
+      LogCapture::messages(),
+      ElementsAre("[EXT_FMG] enter gst_normal_file_open,file_path:(null),read_mode:1,"
+                  "direct_mode:0,append_mode:0",
+                  "[EXT_TOOL] [PLG_ERR] path is NULL", "[EXT_FMG] [PLG_ERR] path_no_ext is NULL",
+                  "[EXT_FMG] [PLG_ERR] key out of range,key =[-1]"));
   EXPECT_FALSE(anything_registered());
   expect_nothing_left(handle);
 }
