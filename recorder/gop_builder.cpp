@@ -131,6 +131,7 @@ std::optional<Gop> GopBuilder::take(uint64_t packets) {
   Gop gop = std::move(complete_.front());
   complete_.pop_front();
   settle_gop(gop, packets);
+  gop.unsettled.clear();  // in a PES packet of many pictures one may end behind the next I-picture
   // A frame without a time stamp of its own may have been placed a little too late.
   gop.last.time = std::min(gop.last.time, gop.next_time);
   return gop;

@@ -78,6 +78,7 @@ PacketGrid::Fit PacketGrid::search(Scan &scan) {
     const void *const found = std::memchr(scan.data + scan.at, kSyncByte, scan.size - scan.at);
     if (found == nullptr) break;
     scan.at = static_cast<size_t>(static_cast<const uint8_t *>(found) - scan.data);
+    const size_t before = stride_;
     Fit fit = fits_any(scan, scan.at);
     if (fit == Fit::kYes && stride_ == kStampedStride) {
       // A time stamp in front of every packet may begin with a sync byte for a while, too.
@@ -86,6 +87,7 @@ PacketGrid::Fit PacketGrid::search(Scan &scan) {
       if (behind_stamp == Fit::kNeedMore) fit = behind_stamp;
     }
     in_step_ = fit == Fit::kYes;
+    if (!in_step_) stride_ = before;
     if (fit != Fit::kNo) return fit;
     ++scan.at;
   }

@@ -32,6 +32,8 @@ bool ends_with(const std::string &text, const std::string &end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
+std::string folder_of(const std::string &path) { return path.substr(0, path.rfind('/') + 1); }
+
 }  // namespace
 
 std::string error_text(int error) { return std::generic_category().message(error); }
@@ -68,6 +70,13 @@ bool RecordingLock::acquire(const std::string &stream) {
   return flock(descriptor_, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
+void sync_folder(const std::string &path) {
+  const int folder = open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder < 0) return;
+  fsync(folder);
+  close(folder);
+}
+
 int create_new_file(const std::string &path) {
   const int descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kCreatedMode);
   if (descriptor < 0) return errno;
@@ -78,7 +87,7 @@ int create_new_file(const std::string &path) {
 std::string create_temporary_index(const std::string &index_path) {
   const std::string stem = index_path.substr(0, index_path.rfind('.')) + ".new-";
   for (int attempt = 0; attempt < 100; ++attempt) {
-    const std::string path =
+    std::string path =
         stem + std::to_string(getpid()) + "-" + std::to_string(attempt) + kIndexExtension;
     const int error = create_new_file(path);
     if (error == 0) return path;

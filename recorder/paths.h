@@ -35,6 +35,9 @@ class RecordingLock {
   int descriptor_ = -1;
 };
 
+// Makes the names in the file's folder durable: a new file, or a rename, is safe only with them.
+void sync_folder(const std::string &path);
+
 // Creates an empty file that was not there before. Returns 0 or errno.
 int create_new_file(const std::string &path);
 

@@ -4,6 +4,7 @@
 // GOPs that lie wholly within them. So at every moment the index speaks only of what is there.
 #include "recorder.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,7 +28,8 @@
 namespace plexa::rec {
 namespace {
 
-constexpr size_t kBlock = size_t{256} << 10;    // one read
+constexpr size_t kBlock = size_t{256} << 10;  // one read
+constexpr uint64_t kWriteback = uint64_t{16} << 20;
 constexpr size_t kMostHeld = size_t{64} << 20;  // held back until the input has proved good
 
 bool is_disk_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
@@ -53,6 +55,7 @@ class Recording {
   bool begin_recording();
   bool create_files();
   bool append_stored();
+  void start_writeback();
   bool append_gops(uint64_t stored);
   void stream_failed();
   void end_input();
@@ -74,10 +77,11 @@ class Recording {
   StreamWriter stream_;
   WriteBehind writer_{stream_, kBlock + PacketGrid::kMostKept};
   IndexWriter index_;
-  bool recording_ = false;  // the files exist
-  uint64_t packets_ = 0;    // taken from the input
-  std::string error_;       // what made the work impossible
-  std::string ended_by_;    // what ended the recording before the input did
+  bool recording_ = false;       // the files exist
+  uint64_t packets_ = 0;         // taken from the input
+  uint64_t handed_to_disk_ = 0;  // bytes of the stream file
+  std::string error_;            // what made the work impossible
+  std::string ended_by_;         // what ended the recording before the input did
   bool disk_full_ = false;
 };
 
@@ -96,7 +100,7 @@ Outcome Recording::run(const std::string &stream_path) {
 
 std::string Recording::check_outputs() {
   for (const std::string &path : {paths_.stream, paths_.index}) {
-    const std::string problem = refuse_output(path);
+    std::string problem = refuse_output(path);
     if (!problem.empty()) return problem;
   }
   if (!old_lock_.acquire(paths_.stream))
@@ -182,6 +186,7 @@ void Recording::end_input() {
 Outcome Recording::refused() {
   const std::string input = "the input ";
   if (input_.taken() == 0 && !ended_by_.empty()) return failure(ended_by_);
+  if (input_.stopped()) return failure("stopped before the first I-picture had come");
   if (input_.taken() == 0) return failure(input + "is empty");
   if (!grid_.found()) return failure(input + "is not an MPEG transport stream");
   return failure(input + probe_.refusal(indexer_.get()));
@@ -230,10 +235,21 @@ bool Recording::append_stored() {
     stream_failed();
     return false;
   }
+  start_writeback();
   if (!append_gops(writer_.stored_packets())) return false;
   if (!indexer_->gops().is_full()) return true;
   ended_by_ = "the longest time that an index can hold is reached";
   return false;
+}
+
+// Lets the disk begin with what is stored, so that the end of the recording, which has to wait for
+// the disk, finds little left to do. Only a hint: what becomes of it shows there.
+void Recording::start_writeback() {
+  const uint64_t stored = writer_.stored_packets() * kPacketSize;
+  if (options_.direct || stored - handed_to_disk_ < kWriteback) return;
+  sync_file_range(lock_.descriptor(), static_cast<off64_t>(handed_to_disk_),
+                  static_cast<off64_t>(stored - handed_to_disk_), SYNC_FILE_RANGE_WRITE);
+  handed_to_disk_ = stored;
 }
 
 void Recording::stream_failed() {
@@ -266,6 +282,7 @@ Outcome Recording::end_recording() {
   }
   Outcome outcome;
   outcome.ok = index_.finish(stream_.packets() * kPacketSize);
+  sync_folder(paths_.index);
   if (!outcome.ok) outcome.error = "the index cannot be completed: " + error_text(index_.error());
   outcome.summary = summarise(*indexer_, index_, stream_.packets());
   outcome.summary.resyncs = grid_.resyncs();

@@ -60,6 +60,11 @@ Summary summarise(const StreamIndexer &indexer, const IndexWriter &index, uint64
   if (counts.scrambled > 0) {
     add_note(summary.note, std::to_string(counts.scrambled) + " scrambled video packets");
   }
+  if (indexer.out_of_step() > 0) {
+    add_note(summary.note, std::to_string(indexer.out_of_step()) +
+                               " packets without sync byte, the first at byte " +
+                               std::to_string(indexer.first_out_of_step() * kPacketSize));
+  }
   if (indexer.gops().is_full()) {
     add_note(summary.note, "the index can hold no later time than that of its last GOP");
   }

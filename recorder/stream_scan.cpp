@@ -14,16 +14,6 @@ namespace {
 
 constexpr size_t kBlockPackets = 1394;  // 256 KiB, which stay in the processor's cache
 
-std::string folder_of(const std::string &path) { return path.substr(0, path.rfind('/') + 1); }
-
-// A rename is safe on the disk only when the folder is.
-void sync_folder(const std::string &path) {
-  const int folder = open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (folder < 0) return;
-  fsync(folder);
-  close(folder);
-}
-
 }  // namespace
 
 StreamScan::StreamScan(const Options &options)

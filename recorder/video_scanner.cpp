@@ -25,9 +25,9 @@ uint32_t last_four(Payload payload) {
          static_cast<uint32_t>(at[2]) << 8 | at[3];
 }
 
-// Nothing of what went before lies in front of the start code; a zero byte belongs to it.
+// Nothing of what went before lies in front of the start code; zero bytes belong to it.
 bool is_at_front(const uint8_t *data, size_t code) {
-  return code == 0 || (code == 1 && data[0] == 0);
+  return std::all_of(data, data + code, [](uint8_t byte) { return byte == 0; });
 }
 
 bool is_video_header(const std::vector<uint8_t> &header) {

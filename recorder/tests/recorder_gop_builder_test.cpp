@@ -219,6 +219,25 @@ TEST_F(GopBuilderTest, SettledFramesNeedNoMemory) {
   EXPECT_EQ(gops[0].last.packet, 130u);
 }
 
+TEST_F(GopBuilderTest, AFrameThatEndsBehindTheNextGopsPesPacketIsLeftAside) {
+  frame(Entry::kClean);
+  Frame shared;  // begins in the next I-picture's PES packet
+  shared.pes_packet = 110;
+  shared.last_packet = 119;
+  shared.pts = 90000 + 3600;
+  shared.duration = 3600;
+  gops_.frame(shared, 3, 0x100);
+  pts_ += 3600;
+  frame(Entry::kClean);
+  frame(Entry::kNone);
+  frame(Entry::kClean);
+  gops_.truncate(115);
+  const std::vector<Gop> gops = take(115);
+  ASSERT_EQ(gops.size(), 1u);
+  EXPECT_TRUE(gops[0].unsettled.empty());
+  EXPECT_EQ(gops[0].last.packet, 100u);
+}
+
 TEST_F(GopBuilderTest, AllOfItIsKeptWhenNothingIsMissing) {
   frame(Entry::kClean);
   frame(Entry::kNone);

@@ -98,7 +98,10 @@ TEST_F(IndexMakerTest, APacketWithoutSyncByteKeepsItsNumber) {
   // The second packet of the third I-picture.
   damaged[(before.gops[2].packet_count + 1) * 188] = 0;
   write_file(stream(), damaged);
-  ASSERT_TRUE(rebuild_index(stream(), {}).ok);
+  const Outcome outcome = rebuild_index(stream(), {});
+  ASSERT_TRUE(outcome.ok);
+  EXPECT_EQ(outcome.summary.note, "1 packets without sync byte, the first at byte " +
+                                      std::to_string((before.gops[2].packet_count + 1) * 188));
   EXPECT_EQ(index_file().gops.size(), 20u);
   EXPECT_EQ(index_file().gops[3].packet_count, before.gops[3].packet_count);
   EXPECT_TRUE(is_usable(stream()));

@@ -537,6 +537,31 @@ TEST_F(RecordingTest, VideoWithoutAnIPictureIsRefused) {
   EXPECT_EQ(record(stream.bytes()).error, "the input has no I-picture in the video of programme 1");
 }
 
+TEST_F(RecordingTest, AnInputThatShowsNoIPictureForLongIsRefused) {
+  TestStream stream(Codec::kH264);
+  stream.tables().gop(5, {.type = 'P'});
+  Bytes bytes = stream.bytes();
+  const Bytes null_packet = ts_packet(0x1fff, {});
+  while (bytes.size() < (size_t{65} << 20)) {
+    bytes.insert(bytes.end(), null_packet.begin(), null_packet.end());
+  }
+  const Bytes good = three_gops(Codec::kH264);
+  bytes.insert(bytes.end(), good.begin(), good.end());
+  bytes.insert(bytes.end(), good.begin(), good.end());
+  EXPECT_EQ(record(join({bytes, repeat(0, 1 << 20)})).error,
+            "the input has no I-picture in the video of programme 1");
+  EXPECT_THAT(files(), IsEmpty());
+}
+
+TEST_F(RecordingTest, StopBeforeTheFirstIPictureLeavesNothing) {
+  const std::atomic<bool> stop = true;
+  Options options;
+  options.stop = &stop;
+  EXPECT_EQ(record(three_gops(Codec::kH264), options).error,
+            "stopped before the first I-picture had come");
+  EXPECT_THAT(files(), IsEmpty());
+}
+
 TEST_F(RecordingTest, VideoThatBecomesScrambledIsRecordedUpToThere) {
   TestStream stream(Codec::kH264);
   stream.tables().gop(5).gop(5);

@@ -93,6 +93,21 @@ TEST_P(CutTest, AFrameEndsWithThePacketThatHoldsItsLastByte) {
   }
 }
 
+TEST_P(CutTest, ZerosInFrontOfAStartCodeBelongToTheNextPicture) {
+  for (size_t zeros = 0; zeros < 400; zeros += 13) {
+    TestStream stream(GetParam());
+    stream.pes_packet(coded_picture(GetParam(), {.type = 'I'}), 1000);
+    const uint64_t end = stream.count();
+    stream.pes_packet(join({repeat(0, zeros), coded_picture(GetParam(), {.type = 'P'})}), 4600);
+    const std::vector<Frame> frames = scan(GetParam(), stream.bytes());
+    ASSERT_EQ(frames.size(), 2u);
+    if (zeros < 150) {
+      EXPECT_EQ(frames[0].last_packet, end - 1) << zeros;
+    }
+    EXPECT_EQ(frames[1].pes_packet, end);
+  }
+}
+
 TEST_P(CutTest, EveryPrefixIsHarmless) {
   TestStream stream(GetParam());
   stream.gop(3, {.size = 300});

@@ -19,4 +19,7 @@ extern "C" const char *__asan_default_options() { return "fast_unwind_on_malloc=
 
 extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions();
 extern "C" const char *__lsan_default_suppressions() { return "leak:ld-linux"; }
+
+extern "C" __attribute__((visibility("default"))) const char *__lsan_default_options();
+extern "C" const char *__lsan_default_options() { return "print_suppressions=0"; }
 #endif
