@@ -125,7 +125,11 @@ TEST_F(PlexaPvrCheckTest, AStretchWithoutSyncBytesIsOneFault) {
   const JsonText found = faults();
   ASSERT_THAT(found.texts("faults", "kind"), ElementsAre("sync"));
   EXPECT_THAT(found.text("faults.0.text"), HasSubstr("40 packets from 1000 to 1039"));
-  poke(film_.stream, 2000 * 188, {0});
+  // Packets that look sound by chance do not end it; five in a row do.
+  poke(film_.stream, 1044 * 188, {0});
+  EXPECT_THAT(faults().texts("faults", "text"),
+              ElementsAre(HasSubstr("41 packets from 1000 to 1044")));
+  poke(film_.stream, 1050 * 188, {0});
   EXPECT_EQ(faults().count("faults"), 2u);
 }
 
@@ -134,6 +138,7 @@ TEST_F(PlexaPvrCheckTest, ALostSyncByteAtAnIFrameIsAlsoAFaultOfTheGop) {
   const JsonText found = faults();
   EXPECT_THAT(found.texts("faults", "kind"), UnorderedElementsAre("iframe", "sync"));
   EXPECT_EQ(found.number("faults.0.gop"), static_cast<int64_t>(kDamaged));
+  EXPECT_THAT(found.text("faults.0.text"), HasSubstr("no sync byte at the I-frame, but 0x00"));
 }
 
 TEST_F(PlexaPvrCheckTest, AShiftedOffset) {
@@ -222,9 +227,11 @@ TEST_F(PlexaPvrCheckTest, LinksToTheNextGop) {
   write_gop(film_.index, kDamaged, original);
   EXPECT_THAT(kinds_after([](Gop &gop) { gop.next_gop_first_packet_count = gop.packet_count; }),
               AllOf(Contains("packet"), Contains("chain")));
+  EXPECT_THAT(faults().texts("faults", "text"), Contains(HasSubstr("the next GOP's packet, ")));
   write_gop(film_.index, kDamaged, original);
   EXPECT_THAT(kinds_after([](Gop &gop) { gop.next_gop_first_time = gop.time_code; }),
               AllOf(Contains("time"), Contains("chain")));
+  EXPECT_THAT(faults().texts("faults", "text"), Contains(HasSubstr("the next GOP's time, ")));
 }
 
 TEST_F(PlexaPvrCheckTest, LengthsOfIFrames) {
@@ -235,6 +242,7 @@ TEST_F(PlexaPvrCheckTest, LengthsOfIFrames) {
 TEST_F(PlexaPvrCheckTest, ChannelRecords) {
   const auto original = gops()[kDamaged];
   EXPECT_THAT(kinds_after([](Gop &gop) { gop.index_of_channel = 4096; }), ElementsAre("channel"));
+  EXPECT_THAT(faults().text("faults.0.text"), HasSubstr("channel slot 4096; there are 4096"));
   EXPECT_THAT(kinds_after([](Gop &gop) { gop.index_of_channel = 65535; }), ElementsAre("channel"));
   EXPECT_THAT(kinds_after([](Gop &gop) { gop.index_of_channel = 7; }), ElementsAre("channel"));
   write_gop(film_.index, kDamaged, original);

@@ -7,6 +7,7 @@
 #include <gst/codecparsers/gstmpegvideoparser.h>
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <vector>
 
@@ -152,8 +153,11 @@ bool says_recovery_point(GArray *messages, int recovery_point) {
   if (messages == nullptr) return false;
   bool found = false;
   for (guint i = 0; i < messages->len; ++i) {
-    found = found ||
-            static_cast<int>(g_array_index(messages, Message, i).payloadType) == recovery_point;
+    // Read as a number: the stream may hold types that the enumeration does not have.
+    int type = 0;
+    static_assert(sizeof type == sizeof(Message::payloadType));
+    std::memcpy(&type, &g_array_index(messages, Message, i).payloadType, sizeof type);
+    found = found || type == recovery_point;
   }
   g_array_unref(messages);
   return found;
