@@ -253,6 +253,20 @@ TEST_F(IndexMakerTest, WhatACrashLeftOffIsMadeUp) {
   }
 }
 
+TEST_F(IndexMakerTest, RepairFollowsAChannelThatComesBack) {
+  TestStream stream(Codec::kH264);
+  for (int i = 0; i < 3; ++i) {
+    stream.video_pid = i == 1 ? 0x300 : 0x100;
+    stream.table_version = i == 1 ? 1 : 0;
+    stream.tables().gop(6).gop(6).gop(6);
+  }
+  ASSERT_TRUE(record(stream.bytes()).ok);
+  made_ = read_file(index());
+  change_index([](Bytes &bytes) { crash(bytes, 5); });
+  ASSERT_TRUE(repair_index(this->stream(), {}).ok);
+  EXPECT_EQ(read_file(index()), made_);
+}
+
 TEST_F(IndexMakerTest, TheLegacyLayoutIsRepairedInItsOwn) {
   Options options;
   options.layout = Layout::kLegacy;

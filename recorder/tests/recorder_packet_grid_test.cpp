@@ -91,6 +91,17 @@ TEST(PacketGridTest, ADamagedSyncByteCostsItsPacketOnly) {
   expect_found(input, join({numbered(0, 7), numbered(8, 12)}), 1, 188);
 }
 
+TEST(PacketGridTest, ADamagedSyncByteIsNotMistakenForAShiftOfTheGrid) {
+  Bytes input;
+  for (uint8_t i = 1; i <= 20; ++i) {
+    input = join({input, ts_packet(0x100, join({{i}, repeat(0x47, 100), repeat(i, 83)}))});
+  }
+  Bytes expected = input;
+  expected.erase(expected.begin() + 7 * 188, expected.begin() + 8 * 188);
+  input[7 * kPacketSize] = 0x46;
+  expect_found(input, expected, 1, 188);
+}
+
 TEST(PacketGridTest, APacketThatLacksBytesIsLeftOut) {
   Bytes input = numbered(0, 20);
   input.erase(input.begin() + 7 * 188 + 50, input.begin() + 7 * 188 + 90);

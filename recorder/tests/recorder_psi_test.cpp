@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "probe.h"
 #include "psi.h"
 #include "session.h"
 #include "test_stream.h"
@@ -236,6 +237,26 @@ TEST_F(ProgrammeTablesTest, TheFirstWithVideoWaitsForTheMapsBeforeIt) {
   EXPECT_EQ(tables_.choose(2, false)->number, 2);
   EXPECT_EQ(tables_.choose(1, false), nullptr);
   EXPECT_EQ(tables_.choose(3, true), nullptr);
+}
+
+TEST_F(ProgrammeTablesTest, AMapThatDoesNotComeIsNotWaitedForForEver) {
+  const Bytes tables = join({section_packets(0, pat_section({{1, 0x20}, {2, 0x21}})),
+                             section_packets(0x21, pmt_section(2, 0x99, {{0x02, 0x40}}))});
+  const Bytes null_packet = ts_packet(0x1fff, {});
+  plexa::rec::Probe probe(0);
+  EXPECT_FALSE(probe.packets(tables.data(), tables.size() / kPacketSize));
+  for (int i = 0; i < 10000; ++i) ASSERT_FALSE(probe.packets(null_packet.data(), 1)) << i;
+  EXPECT_TRUE(probe.packets(null_packet.data(), 1));
+  EXPECT_EQ(probe.start().programme, 2);
+}
+
+TEST_F(ProgrammeTablesTest, TheEndOfTheInputEndsTheWait) {
+  const Bytes tables = join({section_packets(0, pat_section({{1, 0x20}, {2, 0x21}})),
+                             section_packets(0x21, pmt_section(2, 0x99, {{0x02, 0x40}}))});
+  plexa::rec::Probe probe(0);
+  EXPECT_FALSE(probe.packets(tables.data(), tables.size() / kPacketSize));
+  EXPECT_TRUE(probe.finish());
+  EXPECT_EQ(probe.start().programme, 2);
 }
 
 }  // namespace

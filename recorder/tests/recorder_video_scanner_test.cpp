@@ -194,6 +194,28 @@ TEST_F(VideoScannerTest, ALostPacketCostsNoOtherFrame) {
   EXPECT_EQ(counts_.continuity_errors, 1u);
 }
 
+TEST_F(VideoScannerTest, WhatStandsBeforeALostPacketDoesNotGoOnBehindIt) {
+  const Bytes start = pes(0xe0, coded_picture(Codec::kMpeg2, {.type = 'I', .size = 20}), 1000);
+  const Bytes first = join({start, repeat(0xaa, 182 - start.size()), {0, 0}});
+  const Bytes second = join({{1, 0x00, 0x00, 0x0f, 0xff, 0xf8}, repeat(0xaa, 178)});
+  PacketOptions options;
+  options.unit_start = true;
+  const Bytes packet = ts_packet(0x100, first, options);
+  options.unit_start = false;
+  options.continuity = 1;
+  const Bytes next = join({packet, ts_packet(0x100, second, options)});
+  options.continuity = 2;
+  const Bytes after_loss = join({packet, ts_packet(0x100, second, options)});
+  const Bytes slice = [&] {
+    options.continuity = static_cast<uint8_t>(options.continuity + 1);
+    return ts_packet(0x100, join({{0, 0, 1, 1}, repeat(0xaa, 180)}), options);
+  }();
+  options.continuity = 2;
+  const Bytes slice_in_step = ts_packet(0x100, join({{0, 0, 1, 1}, repeat(0xaa, 180)}), options);
+  EXPECT_EQ(scan(Codec::kMpeg2, join({next, slice_in_step})).size(), 2u);
+  EXPECT_EQ(scan(Codec::kMpeg2, join({after_loss, slice})).size(), 1u);
+}
+
 TEST_F(VideoScannerTest, HeadersWhosePictureIsLostDoNotMoveTheNextPicture) {
   // The headers of a P-picture arrive, its slices do not.
   TestStream stream(Codec::kH264);

@@ -191,7 +191,7 @@ TEST_F(PlexaPvrRecordTest, CtrlCEndsTheRecordingCleanly) {
   EXPECT_EQ(running.text("state"), "running");
   EXPECT_FALSE(running.flag("complete"));
   recorder.interrupt();
-  const Ended run = recorder.finish();
+  const Ended run = recorder.finish(true);
   EXPECT_EQ(run.exit_code, 0) << run.err;
   EXPECT_THAT(run.err, IsEmpty());
   EXPECT_GE(JsonText(run.out).number("gops"), 4);
@@ -275,11 +275,14 @@ TEST_F(PlexaPvrRecordTest, RepairRedoesTheTailThatACrashLeftBehind) {
   const auto before = gop_records(film.index);
   change_base(film.index, [](pvr_base_table_s &table) { table.end_time_code = 0; });
   truncate_to(film.index, kGopTable + 7 * 104 + 50);
+  poke(film.index, 4088 + 16, {'k', 'e', 'p', 't'});  // the channel's description
   EXPECT_EQ(pvr({"check", film.stream}).exit_code, 1);
   const Ended run = pvr({"index", film.stream, "--repair"});
   EXPECT_EQ(run.exit_code, 0) << run.err;
   expect_sound(film);
   EXPECT_EQ(gop_records(film.index).size(), before.size());
+  const auto bytes = read_file(film.index);
+  EXPECT_EQ(std::string(bytes.begin() + 4088 + 16, bytes.begin() + 4088 + 20), "kept");
 }
 
 TEST_F(PlexaPvrRecordTest, AnIndexThatCannotBeMadeLeavesTheOldOne) {

@@ -237,8 +237,8 @@ const std::string &RunningPvr::errors(int milliseconds) {
   return err_;
 }
 
-Ended RunningPvr::finish() {
-  close_input();
+Ended RunningPvr::finish(bool with_open_input) {
+  if (!with_open_input) close_input();
   Ended result;
   std::thread listener([this] { err_ += read_all(error_); });
   result.out = read_all(output_);
@@ -246,6 +246,7 @@ Ended RunningPvr::finish() {
   result.err = err_;
   wait_for(child_, result);
   child_ = -1;
+  close_input();
   return result;
 }
 

@@ -52,8 +52,8 @@ class RunningPvr {
   void interrupt() const;
   // What standard error has brought so far, after waiting a moment for more.
   const std::string &errors(int milliseconds = 20);
-  // Waits for the end; the output of standard output is in the result.
-  Ended finish();
+  // Waits for the end, with the input closed or still open.
+  Ended finish(bool with_open_input = false);
 
  private:
   pid_t child_ = -1;
