@@ -10,6 +10,7 @@
 #ifndef GST_PVR_FILE_H
 #define GST_PVR_FILE_H
 
+#include "gst_file_socket_io.h"
 #include "gst_plexa_defs.h"
 
 G_BEGIN_DECLS
@@ -30,6 +31,9 @@ typedef struct _GstPvrFile GstPvrFile;
 #define GST_PVR_FILE_STREAM 0u
 #define GST_PVR_FILE_INDEX 1u
 
+/* What gst_pvr_file_cut_file() gives when it fails. */
+#define GST_PVR_FILE_CUT_FAILED 80000000
+
 /* What a back-end does for the handle. Init empties all slots, open fills all eleven; calling an
  * operation whose slot is empty gives -1. All are called under the handle's lock, except
  * set_last_wrote_time. A negative result is a failure and reaches the caller unchanged; the errno
@@ -41,7 +45,7 @@ typedef struct _GstPvrFile GstPvrFile;
  * write   Bytes written, with direct I/O including padding.
  * seek    The new position. whence is 0 from the start, 1 from the position, 2 from the end.
  * tell    The position.
- * fsync   0 on success.
+ * fsync   0 or more on success.
  * size    The file's size.
  * set_max_time         The back-end's own result; -1 when it has no maximum time.
  * get_max_time         The maximum time, negative when there is none.
@@ -70,12 +74,34 @@ typedef struct _GstNormalFile {
   guint8 read_mode;  /* 1 reader, 0 writer */
 } GstNormalFile;
 
+/* What the socket file keeps in the handle. */
+typedef struct _GstSocketFile {
+  GstFileSocketIo socket_io; /* the connection */
+  const gchar *path;         /* the caller's string, not copied; null when closed */
+  GstSocketOpenFlags flags;  /* how the file was opened */
+} GstSocketFile;
+
+/* What the cut file keeps in the handle. */
+typedef struct _GstCutFile {
+  gint32 key;              /* slot in the shared file-info registry, -1 when none is held */
+  gint32 descriptor;       /* -1 when closed, also when it could not be opened again after a cut */
+  const gchar *file_path;  /* the caller's string, not copied; null when closed */
+  guint32 last_wrote_time; /* ms, the recorded time that the writer reported; atomic */
+  struct _GstCutBufferMgr *cut_buffer_mgr; /* a writer's, null for a reader */
+  gint64 offset_backup;                    /* position in the file on disk before a cut closed it */
+  guint8 read_mode;                        /* 1 reader, 0 writer */
+  guint8 is_direct;                        /* 1 opened with O_DIRECT */
+  gchar *own_path; /* a copy: a cut may open the file again while a close waits */
+} GstCutFile;
+
 /* The handle's inner state, "var". The three flags are reached through the handle itself, in whose
  * order of fields they stand between the record type and the error number. */
 typedef struct _GstPvrFileVar {
   GMutex *lock; /* null: the handle is not initialised */
   union {
     GstNormalFile normal;
+    GstCutFile cut;
+    GstSocketFile socket;
   } state;             /* what the chosen back-end keeps for itself */
   guint32 file_mode;   /* 0 socket, 1 disk */
   guint32 file_type;   /* 0 normal, 1 time-shift */
@@ -112,7 +138,9 @@ struct _GstPvrFile {
 GST_PLEXA_API gint32 gst_pvr_file_init(GstPvrFile *file);
 
 /**
- * Release a handle's lock. Closes nothing: close the handle first.
+ * Release a handle's lock. Close the handle first: all that is released here of a file that is still
+ * open is what others would stumble over, a connection to the companion box and a live time-shift
+ * stream's place among the handles of its recording (which waits for a cut that is under way).
  *
  * @param file  Handle; one that has no lock (never initialised but zeroed, or deinitialised before)
  *              and null are left alone.
@@ -124,7 +152,7 @@ GST_PLEXA_API void gst_pvr_file_deinit(GstPvrFile *file);
 /**
  * Open a file of a recording.
  *
- * @param file         Initialised handle that is not open.
+ * @param file         Initialised handle. One that is open is closed first.
  * @param path         Absolute path without symbolic links or "..". Not copied: the string must
  *                     live until close. A file that exists under another real path is refused.
  * @param permission   GST_PVR_FILE_WRITE, GST_PVR_FILE_READ (any non-zero value).
@@ -207,12 +235,13 @@ GST_PLEXA_API gint64 gst_pvr_file_size(GstPvrFile *file);
 GST_PLEXA_API gint64 gst_pvr_file_fsync(GstPvrFile *file);
 
 /**
- * Rename a file on the local disk. An existing file of the new name is replaced.
+ * Rename a file, on the companion box when that is in use, else on the local disk. An existing file
+ * of the new name is replaced.
  *
  * @param file      Initialised handle, used for its lock only; need not hold the file open.
  * @param old_path  Path; borrowed.
  * @param new_path  Path on the same file system; borrowed.
- * @return 1, or -1: no lock, no path, or the rename failed (errno says why).
+ * @return 1, or -1: no lock, no path, or the rename failed (errno says why; not on the box).
  *
  * Safe from any thread.
  */
@@ -228,6 +257,21 @@ GST_PLEXA_API gint32 gst_pvr_file_rename(GstPvrFile *file, const gchar *old_path
  * Takes no lock, never blocks. Safe from any thread.
  */
 GST_PLEXA_API gint32 gst_pvr_file_get_error_num(GstPvrFile *file);
+
+/**
+ * Have a range cut out of a recording that lies on the companion box. Does not ask whether the box
+ * is in use: the caller has.
+ *
+ * @param kvf_file_name     The stream file's path on the box; its first 255 characters are sent.
+ * @param start_offset      Bytes, first of the range.
+ * @param end_offset        Bytes, end of the range.
+ * @param second_file_name  A second name for the box, sent like the first; null for none.
+ * @return 0, or GST_PVR_FILE_CUT_FAILED.
+ *
+ * Uses a connection of its own and blocks for as long as the box does. Safe from any thread.
+ */
+GST_PLEXA_API gint32 gst_pvr_file_cut_file(const gchar *kvf_file_name, gint64 start_offset,
+                                           gint64 end_offset, const gchar *second_file_name);
 
 /* ---- Time-shift ---- */
 

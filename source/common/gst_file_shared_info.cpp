@@ -7,6 +7,9 @@
 // care, see the header.
 #include "gst-plexa/gst_file_shared_info.h"
 
+#include <time.h>
+
+#include <array>
 #include <cstdlib>
 
 #include "gst-plexa/gst_vector.h"
@@ -24,6 +27,25 @@ static_assert(sizeof(GstKeyInfo) == 257);
 plexa::LibSharedInfo g_lib_shared_info = {nullptr, PTHREAD_MUTEX_INITIALIZER, nullptr,
                                           PTHREAD_MUTEX_INITIALIZER};
 
+namespace {
+
+// What a slot knows beyond its item; guarded by the registry mutex. The operations and the cut at
+// work outlive a release of the slot, the rest goes with it.
+struct SlotGuard {
+  gint32 inside = 0;            // operations that are really running
+  bool is_cut_at_work = false;  // handles are being closed and opened again
+  const void *claim = nullptr;  // who cuts, or is about to
+  gint64 bytes_cut_off = 0;
+};
+
+std::array<SlotGuard, GST_KEY_MGR_SLOTS> g_guards;
+pthread_cond_t g_cut_ended = PTHREAD_COND_INITIALIZER;
+pthread_cond_t g_operation_left = PTHREAD_COND_INITIALIZER;
+
+constexpr int kLongestWaitMs = 2000;  // an operation waits no longer for a cut
+
+}  // namespace
+
 namespace plexa {
 
 void _release_slot(GstSharedInfo *table, guint32 key) noexcept {
@@ -35,6 +57,9 @@ void _release_slot(GstSharedInfo *table, guint32 key) noexcept {
   GstFileInfo &item = table->items[key];
   if (item.handle_list != nullptr) gst_vector_free(item.handle_list);
   item = {};
+  g_guards[key].claim = nullptr;
+  g_guards[key].bytes_cut_off = 0;
+  pthread_cond_broadcast(&g_cut_ended);  // the mark is gone
 }
 
 }  // namespace plexa
@@ -104,6 +129,35 @@ void _list_handle(GstFileInfo &item, GstPvrFile *handle) {
   gst_vector_push_back(item.handle_list, handle);
 }
 
+gint32 _pre_add_item(GstSharedInfo *table, const gchar *path) {
+  const gint32 key = gst_key_mgr_pre_allocate_key(table, path);
+  if (key >= 0 && key < GST_KEY_MGR_SLOTS) return key;
+  PLX_ERROR("[PLG_ERR] gst_shared_info_pre_add_item out of range:key=[%d]", key);
+  return -1;
+}
+
+gint32 _add_item(GstSharedInfo *table, const gchar *path, bool reader, bool list,
+                 GstPvrFile *handle) {
+  const gint32 key = gst_key_mgr_allocate_key(table, path);
+  if (key < 0 || key >= GST_KEY_MGR_SLOTS) {
+    PLX_ERROR("[PLG_ERR] key out of range,key =[%d]", key);
+    return -1;
+  }
+  GstFileInfo &item = table->items[key];
+  if (!_change_file_count(item, reader, 1)) {
+    // The ordinary delete, although nothing was counted: a refusal costs one count.
+    _delete_item(table, static_cast<guint32>(key), reader, list, handle);
+    return -1;
+  }
+  if (list) _list_handle(item, handle);
+  return key;
+}
+
+void _decrease_actioncount(GstFileInfo &item) {
+  if (item.actioncount > 0) --item.actioncount;
+  if (item.actioncount == 0) pthread_cond_broadcast(&g_operation_left);
+}
+
 }  // namespace
 
 GstSharedInfo *gst_shared_info_get(void) {
@@ -122,36 +176,21 @@ void gst_shared_info_remove(GstSharedInfo *table) {
     if (item.handle_list != nullptr) gst_vector_free(item.handle_list);
     item = {};
   }
+  for (SlotGuard &guard : g_guards) guard.claim = nullptr, guard.bytes_cut_off = 0;
   free(table);
   g_lib_shared_info.registry = nullptr;
+  pthread_cond_broadcast(&g_cut_ended);
 }
 
 gint32 gst_shared_info_pre_add_item(GstSharedInfo *table, const gchar *path) {
   const MutexHold hold(g_lib_shared_info.registry_mutex);
-  if (!_is_living(table)) return -1;
-  const gint32 key = gst_key_mgr_pre_allocate_key(table, path);
-  if (key >= 0 && key < GST_KEY_MGR_SLOTS) return key;
-  PLX_ERROR("[PLG_ERR] gst_shared_info_pre_add_item out of range:key=[%d]", key);
-  return -1;
+  return _is_living(table) ? _pre_add_item(table, path) : -1;
 }
 
 gint32 gst_shared_info_add_item(GstSharedInfo *table, const gchar *path, guint8 reader, guint8 list,
                                 GstPvrFile *handle) {
   const MutexHold hold(g_lib_shared_info.registry_mutex);
-  if (!_is_living(table)) return -1;
-  const gint32 key = gst_key_mgr_allocate_key(table, path);
-  if (key < 0 || key >= GST_KEY_MGR_SLOTS) {
-    PLX_ERROR("[PLG_ERR] key out of range,key =[%d]", key);
-    return -1;
-  }
-  GstFileInfo &item = table->items[key];
-  if (!_change_file_count(item, reader != 0, 1)) {
-    // The ordinary delete, although nothing was counted: a refusal costs one count.
-    _delete_item(table, static_cast<guint32>(key), reader != 0, list != 0, handle);
-    return -1;
-  }
-  if (list != 0) _list_handle(item, handle);
-  return key;
+  return _is_living(table) ? _add_item(table, path, reader != 0, list != 0, handle) : -1;
 }
 
 gboolean gst_shared_info_delete_item(GstSharedInfo *table, guint32 key, guint8 reader, guint8 list,
@@ -178,7 +217,7 @@ void gst_shared_info_increase_actioncount(GstSharedInfo *table, guint32 key) {
 void gst_shared_info_decrease_actioncount(GstSharedInfo *table, guint32 key) {
   REFUSE_BAD_KEY(key, );
   const MutexHold hold(g_lib_shared_info.registry_mutex);
-  if (_is_living(table) && table->items[key].actioncount > 0) --table->items[key].actioncount;
+  if (_is_living(table)) _decrease_actioncount(table->items[key]);
 }
 
 gint32 gst_shared_info_get_actioncount(GstSharedInfo *table, guint32 key) {
@@ -190,7 +229,9 @@ gint32 gst_shared_info_get_actioncount(GstSharedInfo *table, guint32 key) {
 void gst_shared_info_update_cut_mode(GstSharedInfo *table, guint32 key, gboolean mode) {
   REFUSE_BAD_KEY(key, );
   const MutexHold hold(g_lib_shared_info.registry_mutex);
-  if (_is_living(table)) table->items[key].cut_mode = mode ? 1 : 0;
+  if (!_is_living(table)) return;
+  table->items[key].cut_mode = mode ? 1 : 0;
+  if (!mode) pthread_cond_broadcast(&g_cut_ended);
 }
 
 gboolean gst_shared_info_is_progressing_cut(GstSharedInfo *table, guint32 key) {
@@ -198,6 +239,170 @@ gboolean gst_shared_info_is_progressing_cut(GstSharedInfo *table, guint32 key) {
   const MutexHold hold(g_lib_shared_info.registry_mutex);
   return _is_living(table) && table->items[key].cut_mode != 0;
 }
+
+// ---- Operations and cuts ----
+
+namespace {
+
+timespec _deadline_in(int milliseconds) {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  time.tv_sec += milliseconds / 1000;
+  time.tv_nsec += milliseconds % 1000 * 1000000;
+  if (time.tv_nsec >= 1000000000) {
+    ++time.tv_sec;
+    time.tv_nsec -= 1000000000;
+  }
+  return time;
+}
+
+// False when the time is over.
+bool _wait(pthread_cond_t &condition, const timespec &deadline) {
+  return pthread_cond_clockwait(&condition, &g_lib_shared_info.registry_mutex, CLOCK_MONOTONIC,
+                                &deadline) == 0;
+}
+
+bool _is_cutting(guint32 key) {
+  const GstSharedInfo *const table = g_lib_shared_info.registry;
+  return g_guards[key].is_cut_at_work || (table != nullptr && table->items[key].cut_mode != 0);
+}
+
+bool _is_any_running(guint32 key) {
+  const GstSharedInfo *const table = g_lib_shared_info.registry;
+  return g_guards[key].inside != 0 || (table != nullptr && table->items[key].actioncount != 0);
+}
+
+void _count_in(guint32 key) {
+  ++g_guards[key].inside;
+  if (g_lib_shared_info.registry != nullptr) ++g_lib_shared_info.registry->items[key].actioncount;
+}
+
+void _count_out(guint32 key) {
+  --g_guards[key].inside;
+  if (g_lib_shared_info.registry != nullptr) {
+    _decrease_actioncount(g_lib_shared_info.registry->items[key]);
+  }
+}
+
+}  // namespace
+
+namespace plexa {
+
+bool _enter_operation(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, true);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  if (_is_cutting(key)) {
+    const timespec deadline = _deadline_in(kLongestWaitMs);
+    while (_is_cutting(key) && _wait(g_cut_ended, deadline)) {
+    }
+    if (_is_cutting(key)) return false;
+  }
+  _count_in(key);
+  return true;
+}
+
+void _leave_operation(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  _count_out(key);
+}
+
+void _leave_and_delete_item(guint32 key, bool reader, GstPvrFile *handle) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  _count_out(key);
+  GstSharedInfo *const table = g_lib_shared_info.registry;
+  if (table != nullptr) _delete_item(table, key, reader, true, handle);
+}
+
+Opening _open_item(const gchar *path, bool reader, GstPvrFile *handle, gint32 *key) noexcept {
+  GstSharedInfo *const table = gst_shared_info_get();
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  const timespec deadline = _deadline_in(kLongestWaitMs);
+  for (bool in_time = true;; in_time = _wait(g_cut_ended, deadline)) {
+    *key = _is_living(table) ? _pre_add_item(table, path) : -1;
+    if (*key < 0) return Opening::kNoKey;
+    if (!_is_cutting(static_cast<guint32>(*key))) break;
+    if (!in_time) return Opening::kBusy;
+  }
+  const auto slot = static_cast<guint32>(*key);
+  _count_in(slot);
+  *key = _add_item(table, path, reader, true, handle);
+  if (*key >= 0) return Opening::kOpened;
+  _count_out(slot);
+  return Opening::kRefused;
+}
+
+bool _claim_cut(guint32 key, const void *owner) noexcept {
+  REFUSE_BAD_KEY(key, false);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  if (g_lib_shared_info.registry == nullptr || g_guards[key].claim != nullptr) return false;
+  g_guards[key].claim = owner;
+  g_lib_shared_info.registry->items[key].cut_mode = 1;
+  return true;
+}
+
+void _give_back_cut(guint32 key, const void *owner) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  if (g_guards[key].claim == owner) g_guards[key].claim = nullptr;
+}
+
+CutStart _begin_cut(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, CutStart::kNoRegistry);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  if (g_lib_shared_info.registry == nullptr) return CutStart::kNoRegistry;
+  if (_is_any_running(key) || g_guards[key].is_cut_at_work) return CutStart::kBusy;
+  g_guards[key].is_cut_at_work = true;
+  return CutStart::kStarted;
+}
+
+void _end_cut(guint32 key) noexcept {
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  g_guards[key].is_cut_at_work = false;
+  if (g_lib_shared_info.registry != nullptr) g_lib_shared_info.registry->items[key].cut_mode = 0;
+  pthread_cond_broadcast(&g_cut_ended);
+}
+
+void _wait_for_operations(guint32 key, int milliseconds) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  const timespec deadline = _deadline_in(milliseconds);
+  while ((_is_any_running(key) || g_guards[key].is_cut_at_work) &&
+         _wait(g_operation_left, deadline)) {
+  }
+}
+
+GstPvrFile *_listed_handle(guint32 key, gint32 index) noexcept {
+  REFUSE_BAD_KEY(key, nullptr);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  const GstSharedInfo *const table = g_lib_shared_info.registry;
+  GPtrArray *const list = table != nullptr ? table->items[key].handle_list : nullptr;
+  if (index >= gst_vector_size(list)) return nullptr;
+  return static_cast<GstPvrFile *>(gst_vector_index(list, index));
+}
+
+gint64 _bytes_cut_off(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, 0);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  return g_guards[key].bytes_cut_off;
+}
+
+void _add_bytes_cut_off(guint32 key, gint64 bytes) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  g_guards[key].bytes_cut_off += bytes;
+}
+
+void _forget_bytes_cut_off(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  g_guards[key].bytes_cut_off = 0;
+}
+
+}  // namespace plexa
+
+// ---- Shared cut info ----
 
 namespace {
 

@@ -1,5 +1,12 @@
-// gst_file_shared_info_internal.h - the library's only process-wide state, and the release of a
-// slot, for the module itself and its tests. Nothing else touches the state directly.
+// gst_file_shared_info_internal.h - the library's only process-wide state, and how the operations
+// of a time-shift recording and its cuts keep out of each other's way.
+//
+// The item's cut_mode and actioncount are what everyone sees. They alone would leave windows: an
+// operation could slip in between a look at the mark and its own count, a failed write lowers the
+// count twice, and the mark is cleared when cutting is switched off although the cut still comes.
+// So each slot also has a private count of the operations that are really inside, and a private
+// mark that stands while handles are closed and opened again. Each step below is one hold of the
+// registry mutex.
 #pragma once
 
 #include <pthread.h>
@@ -19,6 +26,48 @@ struct LibSharedInfo {
 // Clears the slot of the key and zeroes its item; frees the list of handles. The registry mutex is
 // held by the caller.
 void _release_slot(GstSharedInfo *table, guint32 key) noexcept;
+
+// ---- Operations ----
+
+// Waits while a cut is in progress, 2 seconds at most, and counts the caller as running. False: the
+// cut was still in progress, nothing is counted. A bad key counts nothing and is let in.
+bool _enter_operation(guint32 key) noexcept;
+void _leave_operation(guint32 key) noexcept;
+// The end of a handle: leaves its last operation and deletes its listed item, without a gap in
+// which a cut could find the closed handle in the list.
+void _leave_and_delete_item(guint32 key, bool reader, GstPvrFile *handle) noexcept;
+
+enum class Opening { kOpened, kNoKey, kBusy, kRefused };
+
+// Finds the key, waits as above, counts the caller as running and adds the listed handle, without a
+// gap in which the key could become another recording's. Opened: the caller has to leave.
+Opening _open_item(const gchar *path, bool reader, GstPvrFile *handle, gint32 *key) noexcept;
+
+// ---- Cuts ----
+
+// One cut at a time on a recording, whoever of its writers starts it. The owner is any address; a
+// claim that is granted sets cut_mode, and stands until it is given back or the slot is released.
+bool _claim_cut(guint32 key, const void *owner) noexcept;
+void _give_back_cut(guint32 key, const void *owner) noexcept;
+
+enum class CutStart { kStarted, kBusy, kNoRegistry };
+
+// Keeps operations out from now on, unless one is running or another cut is at work.
+CutStart _begin_cut(guint32 key) noexcept;
+// Clears the mark and cut_mode; lets the waiting operations in.
+void _end_cut(guint32 key) noexcept;
+// Waits until a cut could begin, or the time is over.
+void _wait_for_operations(guint32 key, int milliseconds) noexcept;
+
+// The handle at a place of the recording's list, in opening order; null behind its end. The list
+// stands still while a cut is at work.
+GstPvrFile *_listed_handle(guint32 key, gint32 index) noexcept;
+
+// Bytes cut off this recording's file since its slot was taken or a writer emptied it. Unlike the
+// shared record it belongs to one recording and does not die with one of several writers.
+gint64 _bytes_cut_off(guint32 key) noexcept;
+void _add_bytes_cut_off(guint32 key, gint64 bytes) noexcept;
+void _forget_bytes_cut_off(guint32 key) noexcept;
 
 }  // namespace plexa
 

@@ -14,9 +14,13 @@
 #include <cstdio>
 #include <optional>
 
+#include "gst-plexa/gst_cut_file.h"
 #include "gst-plexa/gst_file_shared_info.h"
 #include "gst-plexa/gst_normal_file.h"
+#include "gst-plexa/gst_socket_file.h"
 #include "gst-plexa/gst_zeb.h"
+#include "gst_socket_file_internal.h"
+#include "gst_socket_protocol.h"
 
 #define PLEXA_LOG_AREA "EXT_FMG"
 #include "plexa_log.h"
@@ -79,11 +83,41 @@ struct BackEnd {
   PvrFileOps ops;
 };
 
+bool lies_on_the_box(const GstPvrFile *file, guint32) {
+  return file->var.file_mode == GST_PVR_FILE_MODE_SOCKET;
+}
+
+bool is_live_time_shift_stream(const GstPvrFile *file, guint32 append_mode) {
+  return file->var.record_type == GST_PVR_FILE_STREAM &&
+         file->var.file_type == GST_PVR_FILE_TIMESHIFT && append_mode == 0;
+}
+
 bool takes_every_file(const GstPvrFile *, guint32) { return true; }
 
-// The first row that takes the file is installed. The normal file takes every file, wherever the
-// detection says it lies, and so stands last.
+// Where the cut file's own functions have other arguments than the table.
+gint64 open_cut_file(GstPvrFile *file, const gchar *path, guint8 read_permission, guint8 direct_io,
+                     guint32 append_mode, guint8 atsc3) {
+  return gst_cut_file_open(file, path, read_permission, direct_io, atsc3, append_mode);
+}
+gint64 close_cut_file(GstPvrFile *file) { return gst_cut_file_close(file, nullptr, nullptr); }
+gint64 get_cut_file_max_time(GstPvrFile *) { return gst_cut_file_get_max_time(); }
+
+// The first row that takes the file is installed. The socket file takes every file while the box is
+// in use; the normal file takes whatever is left, and so stands last.
 constexpr std::array kBackEnds = {
+    BackEnd{"socket",
+            lies_on_the_box,
+            std::nullopt,
+            {gst_socket_file_open, gst_socket_file_close, gst_socket_file_read,
+             gst_socket_file_write, gst_socket_file_seek, gst_socket_file_tell,
+             gst_socket_file_fsync, gst_socket_file_size, gst_socket_file_set_max_time,
+             gst_socket_file_get_max_time, gst_socket_file_set_last_wrote_time}},
+    BackEnd{"cut",
+            is_live_time_shift_stream,
+            guint8{0},
+            {open_cut_file, close_cut_file, gst_cut_file_read, gst_cut_file_write,
+             gst_cut_file_seek, gst_cut_file_tell, gst_cut_file_fsync, gst_cut_file_size,
+             gst_cut_file_set_max_time, get_cut_file_max_time, gst_cut_file_set_last_wrote_time}},
     BackEnd{"normal",
             takes_every_file,
             guint8{1},
@@ -108,6 +142,35 @@ void _gst_pvr_file_new_file(GstPvrFile *file, guint32 append_mode) {
   file->ops = chosen->ops;
 }
 
+// What outlives a close that was left out, or one that failed: a socket file's connection, and a
+// cut file's place in the list of handles that the next cut goes through. The table tells which
+// back-end the state belongs to. A cut that is under way is waited for, since it works on the handle.
+void release_shared_state(GstPvrFile *file) {
+  if (file->ops.close == gst_socket_file_close) plexa::socket_file_release(file);
+  if (file->ops.close != close_cut_file) return;
+  while (file->var.state.cut.key >= 0 && close_cut_file(file) == GST_CUT_FILE_BUSY) {
+  }
+}
+
+// A handle may be opened again without a close.
+void release_open_file(GstPvrFile *file) {
+  release_shared_state(file);
+  if (file->is_opened != 0 && file->ops.close == gst_normal_file_close) file->ops.close(file);
+  file->is_opened = 0;
+}
+
+pvr_cut_request_s cut_request(const gchar *name, gint64 start_offset, gint64 end_offset,
+                              const gchar *second_name) {
+  pvr_cut_request_s request{};
+  plexa::put_path(request.kvf_file_name, name);
+  request.start_offset = start_offset;
+  request.end_offset = end_offset;
+  if (second_name == nullptr) return request;
+  plexa::put_path(request.second_file_name, second_name);
+  request.has_second_file_name = 1;
+  return request;
+}
+
 gint32 accumulated_time() {
   return gst_shared_cut_info_get_accumulated_time(gst_shared_cut_info_get());
 }
@@ -129,6 +192,7 @@ gint32 gst_pvr_file_init(GstPvrFile *file) {
 
 void gst_pvr_file_deinit(GstPvrFile *file) {
   if (file == nullptr || file->var.lock == nullptr) return;
+  release_shared_state(file);
   g_mutex_clear(file->var.lock);
   g_slice_free(GMutex, file->var.lock);
   file->var.lock = nullptr;
@@ -142,6 +206,7 @@ gint64 gst_pvr_file_open(GstPvrFile *file, const gchar *path, guint32 permission
     PLX_ERROR(NULL_FILE);  // the path is what is missing; the text has always named the file
     return -1;
   }
+  release_open_file(file);
   PLX_INFO(
       "file_path=[%s], permission=[%d](0:Write, 1:Read), io=[%d](0:BufferIO, 1:DirectIO), "
       "type=[%d](0:Normal, 1:Timeshift), ext=[%d](0:Stream, 1:Index), append_mode=[%d], ext=[%d] "
@@ -239,14 +304,16 @@ gint64 gst_pvr_file_fsync(GstPvrFile *file) {
   return result;
 }
 
-// On disk whatever the box detection answers: every file that a handle can open lies there. The
-// handle serves for its lock alone and need not hold the file open.
+// The handle serves for its lock alone and need not hold the file open.
 gint32 gst_pvr_file_rename(GstPvrFile *file, const gchar *old_path, const gchar *new_path) {
   REQUIRE_HANDLE(file, NULL_LOCK, NULL_LOCK);
   const Locked locked(file);
   if (old_path == nullptr || new_path == nullptr) {
     PLX_ERROR(NULL_FILE);
     return -1;
+  }
+  if (gst_zeb_is_need_socket() == 1) {
+    return static_cast<gint32>(gst_socket_file_rename(file, old_path, new_path));
   }
   if (access(old_path, F_OK) == 0) {
     PLX_ERROR("[PLG_ERR] file is exist [%s]", old_path);
@@ -259,6 +326,31 @@ gint32 gst_pvr_file_rename(GstPvrFile *file, const gchar *old_path, const gchar 
   PLX_ERROR("[PLG_ERR] rename [%s] to [%s] failed %lld", old_path, new_path,
             static_cast<long long>(result));
   return -1;
+}
+
+// A handle for the call, never opened: the request needs one with a lock. After a failure its lock
+// is deliberately not given back.
+gint32 gst_pvr_file_cut_file(const gchar *kvf_file_name, gint64 start_offset, gint64 end_offset,
+                             const gchar *second_file_name) {
+  if (kvf_file_name == nullptr) {
+    PLX_ERROR(NULL_FILE);
+    return GST_PVR_FILE_CUT_FAILED;
+  }
+  PLX_INFO("kvf_file_name = [%s], start_offset = [%lld], end_offset = [%lld]", kvf_file_name,
+           static_cast<long long>(start_offset), static_cast<long long>(end_offset));
+  GstPvrFile file;
+  if (gst_pvr_file_init(&file) != 0) {
+    PLX_ERROR("[PLG_ERR] g mutex new lock fail!");
+    return GST_PVR_FILE_CUT_FAILED;
+  }
+  const pvr_cut_request_s request =
+      cut_request(kvf_file_name, start_offset, end_offset, second_file_name);
+  if (gst_socket_file_cut_file(&file, &request) == 1) {
+    gst_pvr_file_deinit(&file);
+    return 0;
+  }
+  PLX_ERROR("[PLG_ERR] gst_socket_file_cut_file failed");
+  return GST_PVR_FILE_CUT_FAILED;
 }
 
 // No lock: the question must not wait behind a blocked read or write.
