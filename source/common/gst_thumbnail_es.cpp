@@ -174,7 +174,12 @@ bool _gst_thumbnail_filter_video_packets(const guint8 *ts, gint32 length, guint1
 gint32 _gst_thumbnail_get_iframe_es(const VideoPackets &video, gint32 codec, guint8 **es_buf,
                                     guint32 *es_size) {
   PLX_INFO("[IN]ts size = [%d]", video.ts_size());
-  HeapPtr<guint8> es(static_cast<guint8 *>(_allocate(static_cast<size_t>(video.ts_size()))));
+  // Room for the payloads alone, close to the picture's own size. A block of a page more than that
+  // would be given back in part below, and malloc, which learns from the blocks it is handed back
+  // how large a block it should keep, would never learn this one: every picture of over 128 KB
+  // would come as fresh pages from the system.
+  const size_t room = static_cast<size_t>(video.count) * kMaxPayload;
+  HeapPtr<guint8> es(static_cast<guint8 *>(_allocate(room)));
   if (!es) {
     PLX_ERROR("[PLG_ERR] es_temp_buf is NULL");
     return 0;

@@ -372,6 +372,18 @@ TEST_F(Extraction, TheResultEndsWhereItsBlockEnds) {
   EXPECT_THAT(sizes, ElementsAre(301));
 }
 
+// The nearer the block is to the picture's size, the less is given back: see the allocation.
+TEST_F(Extraction, ThePictureGetsRoomForItsPayloadsAlone) {
+  given(unit(numbers(1000)));
+  ASSERT_EQ(video_.count, 6);
+  Faults faults;
+  std::vector<long long> sizes;
+  faults.watch("malloc", [&](int, const char *, long long size) { sizes.push_back(size); });
+  ASSERT_EQ(extract(kMpeg2), 1);
+  EXPECT_THAT(sizes, ::testing::Contains(6 * 184));
+  EXPECT_THAT(sizes, ::testing::Not(::testing::Contains(6 * 188)));
+}
+
 TEST_F(Extraction, NoPacketsFail) {
   given({});
   EXPECT_EQ(extract(kMpeg2), 0);
