@@ -54,11 +54,13 @@ StreamIndexer::Start start_at_last(const SoundRecords &records, const StreamScan
 
 Outcome repair(const std::string &stream_path, const Options &options) {
   SoundRecords records;
+  Options anew = options;
   {
     StreamScan scan(options);
     std::string problem = scan.open(stream_path);
     if (!problem.empty()) return failure(problem);
     records.load(scan.paths().index, scan);
+    if (records.tells_layout()) anew.layout = records.layout();
     if (records.is_complete()) return nothing_to_repair(records, scan);
     if (records.count() > 0) {
       problem = scan.choose_programme();
@@ -76,7 +78,7 @@ Outcome repair(const std::string &stream_path, const Options &options) {
       return complete_index(scan, indexer, index, new_index, records.last().packet_count);
     }
   }
-  return rebuild(stream_path, options);
+  return rebuild(stream_path, anew);
 }
 
 }  // namespace

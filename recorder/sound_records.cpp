@@ -7,11 +7,16 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <set>
 
 #include "stream_scan.h"
+#include "video_scanner.h"
 
 namespace plexa::rec {
 namespace {
+
+// A picture tells its coding long before this.
+constexpr uint64_t kMostPackets = 4096;
 
 std::vector<uint8_t> read_all(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
@@ -28,6 +33,40 @@ bool begins_picture(const uint8_t *packet, uint16_t pid) {
          !packet_is_scrambled(packet) && packet_payload(packet).size > 0;
 }
 
+bool lies_between(uint64_t value, uint64_t first, uint64_t last) {
+  return value >= first && value <= last;
+}
+
+// The entry picture in the I-frame when it is read in this coding.
+std::optional<Frame> entry_picture(Codec codec, const pvr_gop_info_s &gop,
+                                   const StreamScan &stream) {
+  std::optional<Frame> found;
+  VideoScanner scanner(codec, [&](const Frame &frame) {
+    if (!found && frame.entry != Entry::kNone) found = frame;
+  });
+  const uint64_t end = gop.packet_count + std::min<uint64_t>(gop.iframe_size, kMostPackets);
+  std::array<uint8_t, kPacketSize> packet{};
+  for (uint64_t at = gop.packet_count; at < end && !found; ++at) {
+    if (!stream.packet(at, packet.data())) break;
+    if (!packet_is_damaged(packet.data()) && packet_pid(packet.data()) == gop.video_pid) {
+      scanner.packet(packet.data(), at);
+    }
+  }
+  scanner.finish();
+  return found;
+}
+
+// A picture that reads in no coding, since its headers came long before, contradicts nothing.
+bool contradicts(Codec codec, const pvr_gop_info_s &gop, const StreamScan &stream) {
+  if (const auto picture = entry_picture(codec, gop, stream)) {
+    return picture->pts && *picture->pts != gop.pts;
+  }
+  const auto reads_as = [&](Codec other) {
+    return other != codec && entry_picture(other, gop, stream).has_value();
+  };
+  return reads_as(Codec::kMpeg2) || reads_as(Codec::kH264) || reads_as(Codec::kH265);
+}
+
 }  // namespace
 
 void SoundRecords::load(const std::string &index_path, const StreamScan &stream) {
@@ -36,10 +75,14 @@ void SoundRecords::load(const std::string &index_path, const StreamScan &stream)
   const size_t size = IndexShape(layout_).gop_size;
   const uint64_t whole = gops_.size() / size;
   size_t channels = 0;
+  std::set<uint16_t> looked_at;
   for (count_ = 0; count_ < whole; ++count_) {
     const pvr_gop_info_s gop = record(count_);
     if (!is_sound(gop, stream)) break;
     if (count_ > 0 && !follows(gop, record(count_ - 1))) break;
+    // Of each channel the first picture; the others hang together with it.
+    const bool is_new = looked_at.insert(gop.index_of_channel).second;
+    if (is_new && contradicts(channel(gop.index_of_channel).codec, gop, stream)) break;
     channels = std::max<size_t>(channels, size_t{gop.index_of_channel} + 1);
   }
   for (unsigned slot = 0; slot < channels; ++slot) channels_.push_back(channel(slot));
@@ -94,10 +137,12 @@ bool SoundRecords::is_sound(const pvr_gop_info_s &gop, const StreamScan &stream)
   const uint64_t packets = stream.packets();
   const bool inside = gop.iframe_size > 0 && gop.packet_count < packets &&
                       gop.iframe_size <= packets - gop.packet_count;
-  const bool goes_on = gop.next_gop_first_packet_count > gop.packet_count &&
-                       gop.next_gop_first_packet_count <= packets &&
-                       gop.next_gop_first_time > gop.time_code &&
-                       gop.time_code >= base_.start_time_code && gop.time_code <= INT32_MAX;
+  const bool goes_on =
+      gop.next_gop_first_packet_count > gop.packet_count &&
+      gop.next_gop_first_packet_count <= packets && gop.next_gop_first_time > gop.time_code &&
+      gop.time_code >= base_.start_time_code && gop.time_code <= INT32_MAX &&
+      lies_between(gop.last_frame_time, gop.time_code, gop.next_gop_first_time) &&
+      lies_between(gop.last_frame_packet_count, gop.packet_count, gop.next_gop_first_packet_count);
   if (!inside || !goes_on) return false;
   std::array<uint8_t, kPacketSize> packet{};
   return stream.packet(gop.packet_count, packet.data()) &&

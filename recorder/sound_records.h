@@ -29,6 +29,7 @@ class SoundRecords {
   // this stream.
   bool is_complete() const { return complete_; }
   uint32_t duration() const;
+  bool tells_layout() const { return !head_.empty(); }
   Layout layout() const { return layout_; }
   // Base table and channel area as they stand.
   const std::vector<uint8_t> &head() const { return head_; }

@@ -279,6 +279,21 @@ TEST_F(IndexMakerTest, TheLegacyLayoutIsRepairedInItsOwn) {
   EXPECT_EQ(read_file(index()), made_);
 }
 
+TEST_F(IndexMakerTest, TheLegacyLayoutStaysAlsoWhenNoRecordIsSound) {
+  Options options;
+  options.layout = Layout::kLegacy;
+  make_recording(options);
+  for (const size_t gops : {size_t{0}, size_t{3}}) {
+    write_file(index(), made_);
+    change_index([&](Bytes &bytes) {
+      bytes.resize(1052664 + 100 * gops);
+      if (gops > 0) bytes[1052664 + 16] = 0xff;  // the first one's packet
+    });
+    ASSERT_TRUE(repair_index(stream(), {}).ok);
+    EXPECT_EQ(read_file(index()), made_) << gops;
+  }
+}
+
 TEST_F(IndexMakerTest, WhatIsSoundIsKeptAsItStands) {
   make_recording();
   change_index([](Bytes &bytes) {
@@ -306,6 +321,8 @@ TEST_F(IndexMakerTest, AnUnsoundRecordIsMadeAnewWithAllThatFollow) {
                                                                {73, "index_of_channel"},
                                                                {76, "next_gop_first_time"},
                                                                {24, "iframe_size"},
+                                                               {62, "last_frame_time"},
+                                                               {66, "last_frame_packet_count"},
                                                                {80, "next_gop_first_packet_count"},
                                                                {88, "next_gop_pts"}};
   for (const auto &[offset, name] : fields) {
@@ -318,6 +335,39 @@ TEST_F(IndexMakerTest, AnUnsoundRecordIsMadeAnewWithAllThatFollow) {
     ASSERT_TRUE(repair_index(stream(), {}).ok) << name;
     EXPECT_EQ(read_file(index()), made_) << name;
   }
+}
+
+TEST_F(IndexMakerTest, ALastFrameInFrontOfItsGopIsUnsound) {
+  make_recording();
+  for (const size_t field : {size_t{60}, size_t{64}}) {
+    write_file(index(), made_);
+    change_index([&](Bytes &bytes) { std::memset(bytes.data() + gop_at(5) + field, 0, 4); });
+    ASSERT_TRUE(repair_index(stream(), {}).ok) << field;
+    EXPECT_EQ(read_file(index()), made_) << field;
+  }
+}
+
+// The channel of the first ten GOPs, and that of the others: what was recorded is H.264.
+TEST_F(IndexMakerTest, AChannelOfAnotherCodingThanItsPicturesIsMadeAnew) {
+  make_recording();
+  for (const size_t slot : {size_t{0}, size_t{1}}) {
+    for (const Codec wrong : {Codec::kMpeg2, Codec::kH265}) {
+      write_file(index(), made_);
+      change_index(
+          [&](Bytes &bytes) { bytes[4088 + 232 * slot + 176] = static_cast<uint8_t>(wrong); });
+      const Outcome outcome = repair_index(stream(), {});
+      ASSERT_TRUE(outcome.ok) << outcome.error;
+      EXPECT_EQ(outcome.summary.note, "");
+      EXPECT_EQ(read_file(index()), made_) << slot;
+    }
+  }
+}
+
+TEST_F(IndexMakerTest, AFirstPictureWithAnotherPtsIsMadeAnew) {
+  make_recording();
+  change_index([](Bytes &bytes) { bytes[gop_at(0)] ^= 1; });
+  ASSERT_TRUE(repair_index(stream(), {}).ok);
+  EXPECT_EQ(read_file(index()), made_);
 }
 
 TEST_F(IndexMakerTest, ARecordWhosePacketIsGoneIsMadeAnew) {
