@@ -60,5 +60,8 @@ std::vector<Bytes> plexa_fuzz::seeds() {
       input({kRead1000, kRead1000, kTell, kTell},
             {data(1000, 400), data(0, 600), data(1000, 10), data(1000, 10, 1), status(1, 1010)}),
       input({kRead70000, kRead10, kRead10, kWrite}, {data(70000, 60000), data(70000, 10000)}),
+      // More announced than asked for, more sent than announced: what must not reach the block.
+      input({kRead10, kTell, kRead10, kTell},
+            {data(1000, 400), status(1, 0), data(4, 400), status(1, 0)}),
   };
 }

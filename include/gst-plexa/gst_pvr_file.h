@@ -138,9 +138,10 @@ struct _GstPvrFile {
 GST_PLEXA_API gint32 gst_pvr_file_init(GstPvrFile *file);
 
 /**
- * Release a handle's lock. Close the handle first: all that is released here of a file that is still
- * open is what others would stumble over, a connection to the companion box and a live time-shift
- * stream's place among the handles of its recording (which waits for a cut that is under way).
+ * Release a handle's lock. Close the handle first: all that is released here of a file that is
+ * still open is what others would stumble over, a connection to the companion box and a live
+ * time-shift stream's place among the handles of its recording (which waits for a cut that is under
+ * way).
  *
  * @param file  Handle; one that has no lock (never initialised but zeroed, or deinitialised before)
  *              and null are left alone.
@@ -295,7 +296,9 @@ GST_PLEXA_API gint64 gst_pvr_file_get_max_time(GstPvrFile *file);
  * @param file  Handle that has been opened; null is logged, one never opened is left alone.
  * @param time  Milliseconds from the recording's start.
  *
- * Takes no lock. Safe from any thread, but not beside open or close of the same handle.
+ * Takes no lock on the local disk; a file on the companion box makes an exchange of it and waits
+ * for the handle's other operations. Safe from any thread, but not beside open or close of the same
+ * handle.
  */
 GST_PLEXA_API void gst_pvr_file_set_last_wrote_time(GstPvrFile *file, guint32 time);
 

@@ -65,6 +65,7 @@ struct IndexFile {
   ~IndexFile() {
     if (is_open) gst_pvr_file_close(file);
     if (file != nullptr) gst_pvr_file_deinit(file);
+    gst_index_parser_stop(parser);  // a start that failed leaves its table
     free(parser);
     free(file);
     free(path);

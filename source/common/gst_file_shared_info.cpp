@@ -358,6 +358,7 @@ CutStart _begin_cut(guint32 key) noexcept {
 }
 
 void _end_cut(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, );
   const MutexHold hold(g_lib_shared_info.registry_mutex);
   g_guards[key].is_cut_at_work = false;
   if (g_lib_shared_info.registry != nullptr) g_lib_shared_info.registry->items[key].cut_mode = 0;

@@ -144,7 +144,8 @@ void _gst_pvr_file_new_file(GstPvrFile *file, guint32 append_mode) {
 
 // What outlives a close that was left out, or one that failed: a socket file's connection, and a
 // cut file's place in the list of handles that the next cut goes through. The table tells which
-// back-end the state belongs to. A cut that is under way is waited for, since it works on the handle.
+// back-end the state belongs to. A cut that is under way is waited for, since it works on the
+// handle.
 void release_shared_state(GstPvrFile *file) {
   if (file->ops.close == gst_socket_file_close) plexa::socket_file_release(file);
   if (file->ops.close != close_cut_file) return;

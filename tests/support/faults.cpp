@@ -1,7 +1,10 @@
 #include "faults.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/times.h>
 #include <unistd.h>
@@ -19,31 +22,12 @@
 namespace plexa_test {
 namespace {
 
-constexpr std::array kNames = {"access",
-                               "calloc",
-                               "clock_gettime",
-                               "close",
-                               "fcntl",
-                               "fsync",
-                               "link",
-                               "lseek64",
-                               "malloc",
-                               "open64",
-                               "popen",
-                               "pread64",
-                               "pthread_mutex_lock",
-                               "pwrite64",
-                               "read",
-                               "realloc",
-                               "realpath",
-                               "rename",
-                               "stat64",
-                               "sync",
-                               "times",
-                               "unlink",
-                               "usleep",
-                               "valloc",
-                               "write"};
+constexpr std::array kNames = {
+    "access",   "calloc",  "clock_gettime", "close",    "connect", "fcntl",   "fsync",
+    "link",     "lseek64", "malloc",        "open64",   "popen",   "pread64", "pthread_mutex_lock",
+    "pwrite64", "read",    "realloc",       "realpath", "recv",    "rename",  "send",
+    "socket",   "stat64",  "sync",          "times",    "unlink",  "usleep",  "valloc",
+    "write"};
 
 int index_of(const char *name) {
   for (size_t i = 0; i < kNames.size(); ++i) {
@@ -130,6 +114,9 @@ Verdict judge(const char *name, int fd = -1, const char *path = nullptr, long lo
   return verdict;
 }
 
+std::atomic<uint16_t> redirected_from{0};
+std::atomic<uint16_t> redirected_to{0};
+
 State &state() { return *active.load(); }
 Rule &rule(const std::string &call) {
   return state().rules[static_cast<size_t>(index_of(call.c_str()))];
@@ -206,6 +193,11 @@ std::vector<std::string> Faults::calls() const {
   std::vector<std::string> out;
   for (const int call : state().order) out.emplace_back(kNames[static_cast<size_t>(call)]);
   return out;
+}
+
+void redirect_connect(uint16_t from, uint16_t to) {
+  redirected_from = from;
+  redirected_to = to;
 }
 
 }  // namespace plexa_test
@@ -295,10 +287,33 @@ PLX_WRAP_ALLOCATION(valloc, (size_t size), (size), size)
 PLX_WRAP_TRANSFER(read, "read", (int fd, void *buffer, size_t size), (fd, buffer, size), fd, size)
 PLX_WRAP_TRANSFER(write, "write", (int fd, const void *buffer, size_t size), (fd, buffer, size), fd,
                   size)
+PLX_WRAP_TRANSFER(send, "send", (int fd, const void *buffer, size_t size, int flags),
+                  (fd, buffer, size, flags), fd, size)
+PLX_WRAP_TRANSFER(recv, "recv", (int fd, void *buffer, size_t size, int flags),
+                  (fd, buffer, size, flags), fd, size)
 PLX_WRAP_TRANSFER(pread64, "pread64", (int fd, void *buffer, size_t size, off64_t at),
                   (fd, buffer, size, at), fd, size)
 PLX_WRAP_TRANSFER(pwrite64, "pwrite64", (int fd, const void *buffer, size_t size, off64_t at),
                   (fd, buffer, size, at), fd, size)
+
+PLX_WRAP(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1, nullptr,
+         type, -1)
+
+int __real_connect(int fd, const sockaddr *address, socklen_t size);
+int __wrap_connect(int fd, const sockaddr *address, socklen_t size);
+int __wrap_connect(int fd, const sockaddr *address, socklen_t size) {
+  if (address->sa_family != AF_INET || size != sizeof(sockaddr_in)) {
+    return __real_connect(fd, address, size);
+  }
+  sockaddr_in to;
+  std::memcpy(&to, address, sizeof to);
+  char text[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &to.sin_addr, text, sizeof text);
+  if (judge("connect", fd, text, ntohs(to.sin_port)).fail) return -1;
+  const uint16_t other = plexa_test::redirected_to;
+  if (other != 0 && ntohs(to.sin_port) == plexa_test::redirected_from) to.sin_port = htons(other);
+  return __real_connect(fd, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+}
 
 int __real_open64(const char *path, int flags, mode_t mode);
 int __wrap_open64(const char *path, int flags, ...);

@@ -7,6 +7,7 @@
 //   faults.shorten("read", 100);               // the next read returns at most 100 bytes
 //   faults.before("write", [] { ... });        // run this before every write
 //   faults.answer("times", 1234);              // the call is not made; this is its result
+//   faults.fail("connect", ECONNREFUSED);      // likewise socket, send and recv
 //   faults.count("open64")                     // calls since the object was made
 //   faults.calls()                             // all counted calls in order, by name
 //
@@ -17,6 +18,7 @@
 // malloc, calloc, realloc and valloc count as calls to fail, but are not listed in calls().
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -36,7 +38,8 @@ class Faults {
   void answer(const std::string &call, long result);
   void before(const std::string &call, std::function<void()> action);
   // Called with the arguments that matter: (descriptor or -1, path or null, number or 0), where the
-  // number is the byte count of read and write, the offset of lseek64, the flags of open64.
+  // number is the byte count of read, write, send and recv, the offset of lseek64, the flags of
+  // open64. connect has the dotted address as path and the port as number.
   void watch(const std::string &call,
              std::function<void(int fd, const char *path, long long number)> watcher);
   void all_threads();
@@ -44,5 +47,10 @@ class Faults {
   int count(const std::string &call) const;
   std::vector<std::string> calls() const;
 };
+
+// From now on a connect to the port `from` goes to the port `to` of the same address, on all
+// threads and whether or not there is a Faults object; watchers still see `from`. A `to` of 0 ends
+// it.
+void redirect_connect(uint16_t from, uint16_t to);
 
 }  // namespace plexa_test

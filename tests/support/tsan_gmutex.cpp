@@ -16,20 +16,20 @@ Function glibs_own(const char *name) {
 
 }  // namespace
 
-void g_mutex_lock(GMutex *mutex) {
+__attribute__((visibility("default"))) void g_mutex_lock(GMutex *mutex) {
   static const auto lock = glibs_own<void (*)(GMutex *)>("g_mutex_lock");
   lock(mutex);
   __tsan_acquire(mutex);
 }
 
-gboolean g_mutex_trylock(GMutex *mutex) {
+__attribute__((visibility("default"))) gboolean g_mutex_trylock(GMutex *mutex) {
   static const auto trylock = glibs_own<gboolean (*)(GMutex *)>("g_mutex_trylock");
   if (!trylock(mutex)) return FALSE;
   __tsan_acquire(mutex);
   return TRUE;
 }
 
-void g_mutex_unlock(GMutex *mutex) {
+__attribute__((visibility("default"))) void g_mutex_unlock(GMutex *mutex) {
   static const auto unlock = glibs_own<void (*)(GMutex *)>("g_mutex_unlock");
   __tsan_release(mutex);
   unlock(mutex);

@@ -5,11 +5,15 @@
 #include <cstring>
 #include <optional>
 
+#include "box_server.h"
 #include "fake_platform.h"
 #include "faults.h"
+#include "gst-plexa/gst_cut_buffer_mgr.h"
+#include "gst-plexa/gst_cut_file.h"
 #include "gst-plexa/gst_file_shared_info.h"
 #include "gst-plexa/gst_normal_file.h"
 #include "gst-plexa/gst_pvr_file.h"
+#include "gst-plexa/gst_socket_file.h"
 #include "gst-plexa/gst_zeb.h"
 #include "log_capture.h"
 #include "temp_dir.h"
@@ -93,6 +97,18 @@ constexpr PvrFileOps kNormalFile = {gst_normal_file_open,
                                     gst_normal_file_set_max_time,
                                     gst_normal_file_get_max_time,
                                     gst_normal_file_set_last_wrote_time};
+
+constexpr PvrFileOps kSocketFile = {gst_socket_file_open,
+                                    gst_socket_file_close,
+                                    gst_socket_file_read,
+                                    gst_socket_file_write,
+                                    gst_socket_file_seek,
+                                    gst_socket_file_tell,
+                                    gst_socket_file_fsync,
+                                    gst_socket_file_size,
+                                    gst_socket_file_set_max_time,
+                                    gst_socket_file_get_max_time,
+                                    gst_socket_file_set_last_wrote_time};
 
 // ---- Init and deinit ----
 
@@ -277,6 +293,22 @@ TEST_P(ChoiceTest, OnDiskIsTheNormalFile) {
   EXPECT_TRUE(same(file_.ops, kNormalFile));
 }
 
+TEST_P(ChoiceTest, WithABoxInUseIsTheSocketFile) {
+  const BoxServer box;
+  const std::string where = path();  // lives until close
+  given_a_box_on("2014");
+  for (const guint8 flag : {0, 1}) {
+    LogCapture::clear();
+    file_.is_normal_file = flag;
+    EXPECT_EQ(open(where, GetParam().how), 1);
+    EXPECT_EQ(file_.is_normal_file, flag);
+    EXPECT_EQ(file_.is_opened, 1);
+    EXPECT_LOGGED(kError, "[EXT_FMG] [PLG_ERR] create socket file.");
+    EXPECT_TRUE(same(file_.ops, kSocketFile));
+    EXPECT_EQ(gst_pvr_file_close(&file_), 1);
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Files, ChoiceTest,
     ::testing::Values(Choice{"NormalStreamRead", {.permission = 1}},
@@ -288,7 +320,114 @@ INSTANTIATE_TEST_SUITE_P(
                              {.permission = 0, .type = 1, .append_mode = 1}}),
     [](const auto &choice) { return choice.param.name; });
 
+// ---- The cut file ----
+
+class CutChoiceTest : public PvrFileOpenTest, public ::testing::WithParamInterface<Choice> {
+ protected:
+  void TearDown() override {
+    PvrFileOpenTest::TearDown();
+    gst_shared_cut_info_remove();
+  }
+  GstCutFile &state() { return file_.var.state.cut; }
+};
+
+TEST_P(CutChoiceTest, IsTheCutFile) {
+  EXPECT_EQ(open(rec_, GetParam().how), 1);
+  EXPECT_EQ(file_.var.file_mode, GST_PVR_FILE_MODE_DISK);
+  EXPECT_EQ(file_.is_normal_file, 0);
+  EXPECT_LOGGED(kError, "[EXT_FMG] [PLG_ERR] create cut file.");
+  const PvrFileOps &ops = file_.ops;
+  EXPECT_EQ(ops.read, gst_cut_file_read);
+  EXPECT_EQ(ops.write, gst_cut_file_write);
+  EXPECT_EQ(ops.seek, gst_cut_file_seek);
+  EXPECT_EQ(ops.tell, gst_cut_file_tell);
+  EXPECT_EQ(ops.fsync, gst_cut_file_fsync);
+  EXPECT_EQ(ops.size, gst_cut_file_size);
+  EXPECT_EQ(ops.set_max_time, gst_cut_file_set_max_time);
+  EXPECT_EQ(ops.set_last_wrote_time, gst_cut_file_set_last_wrote_time);
+  EXPECT_EQ(state().key, 0);
+  EXPECT_EQ(gst_pvr_file_close(&file_), 1);
+  EXPECT_EQ(state().key, -1) << "the cut file's own close";
+}
+
+TEST_P(CutChoiceTest, GetsPermissionDirectIoAndBroadcastKind) {
+  EXPECT_EQ(open(rec_, GetParam().how), 1);
+  const Description &how = GetParam().how;
+  EXPECT_LOGGED(kInfo, "[EXT_FMG] file_path:" + rec_ +
+                           ",read_mode:" + std::to_string(how.permission) +
+                           ",direct_mode:" + std::to_string(how.io) + ",append_mode:0");
+  EXPECT_EQ(state().read_mode, how.permission);
+  ASSERT_EQ(state().cut_buffer_mgr != nullptr, how.permission == GST_PVR_FILE_WRITE);
+  if (state().cut_buffer_mgr != nullptr) {
+    EXPECT_EQ(state().cut_buffer_mgr->is_atsc3, how.atsc3 != 0 ? 1u : 0u);
+  }
+}
+
+TEST_P(CutChoiceTest, TellsItsMaximumTimeThroughTheTable) {
+  EXPECT_EQ(open(rec_, GetParam().how), 1);
+  const bool is_writer = GetParam().how.permission == GST_PVR_FILE_WRITE;
+  EXPECT_EQ(gst_pvr_file_set_max_time(&file_, 400000), is_writer ? 1 : -1);
+  EXPECT_EQ(gst_pvr_file_get_max_time(&file_), is_writer ? 340000 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Streams, CutChoiceTest,
+    ::testing::Values(Choice{"Read", {.permission = 1, .type = 1}},
+                      Choice{"ReadDirect", {.permission = 1, .io = 1, .type = 1}},
+                      Choice{"Write", {.permission = 0, .type = 1}},
+                      Choice{"WriteDirect", {.permission = 0, .io = 1, .type = 1}},
+                      Choice{"WriteAtsc3", {.permission = 0, .type = 1, .atsc3 = 1}},
+                      Choice{"WriteAtsc3AsAnyNumber", {.permission = 0, .type = 1, .atsc3 = 256}}),
+    [](const auto &choice) { return choice.param.name; });
+
+TEST_F(CutChoiceTest, AShortMaximumTimeIsRefused) {
+  EXPECT_EQ(open(rec_, {.permission = 0, .type = 1}), 1);
+  EXPECT_EQ(gst_pvr_file_set_max_time(&file_, 359999), -1);
+  EXPECT_EQ(gst_pvr_file_get_max_time(&file_), 0);
+}
+
+TEST_F(CutChoiceTest, TheLastWroteTimeReachesItWithoutTheLock) {
+  EXPECT_EQ(open(rec_, {.permission = 0, .type = 1}), 1);
+  g_mutex_lock(file_.var.lock);
+  gst_pvr_file_set_last_wrote_time(&file_, 77);
+  g_mutex_unlock(file_.var.lock);
+  EXPECT_EQ(state().last_wrote_time, 77u);
+}
+
+TEST_F(CutChoiceTest, AnotherTypeThanTimeshiftIsTheNormalFile) {
+  EXPECT_EQ(open(rec_, {.type = 2}), 1);
+  EXPECT_TRUE(same(file_.ops, kNormalFile));
+}
+
+TEST_F(CutChoiceTest, ItsBusyResultsPassUnchanged) {
+  EXPECT_EQ(open(rec_, {.permission = 1, .type = 1}), 1);
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, TRUE);
+  EXPECT_EQ(gst_pvr_file_tell(&file_), GST_CUT_FILE_BUSY);
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, FALSE);
+  EXPECT_EQ(gst_pvr_file_tell(&file_), 0);
+}
+
+TEST_F(CutChoiceTest, AnOpenDuringALongCutIsBusyAndNotOpened) {
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, TRUE);
+  EXPECT_EQ(open(rec_, {.permission = 1, .type = 1}), GST_CUT_FILE_BUSY);
+  EXPECT_EQ(LogCapture::lines().back().message,
+            "[EXT_FMG] [PLG_ERR] pvr_file open failed, ret = [-3]");
+  EXPECT_EQ(file_.is_opened, 0);
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, FALSE);
+}
+
+TEST_F(PvrFileOpenTest, WithABoxInUseATimeshiftWriterIsASocketFileToo) {
+  const BoxServer box;
+  given_a_box_on("2013");
+  EXPECT_EQ(open(rec_, {.permission = 0, .type = GST_PVR_FILE_TIMESHIFT, .atsc3 = 7}), 1);
+  EXPECT_TRUE(same(file_.ops, kSocketFile));
+  EXPECT_EQ(box.last_request().at(542), 1);  // time-shift
+  EXPECT_EQ(box.last_request().at(544), 1);  // ATSC 3.0
+  EXPECT_EQ(gst_pvr_file_close(&file_), 1);
+}
+
 TEST_F(PvrFileOpenTest, WithABoxInUseTheModeIsSocket) {
+  const BoxServer box;
   given_a_box_on("2013");
   open();
   EXPECT_EQ(file_.var.file_mode, GST_PVR_FILE_MODE_SOCKET);
@@ -305,6 +444,7 @@ TEST_F(PvrFileOpenTest, ABoxOnAnotherBoardLeavesTheFilesOnDisk) {
 }
 
 TEST_F(PvrFileOpenTest, TheBoxIsAskedForAtEveryOpen) {
+  const BoxServer box;
   given_a_box_on("2013");
   open();
   gst_pvr_file_close(&file_);

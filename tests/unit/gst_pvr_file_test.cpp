@@ -693,26 +693,26 @@ const Field kFields[] = {
     FIELD(var.state.normal.descriptor, 8, 12),
     FIELD(var.state.normal.path, 12, 16),
     FIELD(var.state.normal.read_mode, 16, 24),
-    FIELD(var.file_mode, 20, 32),
-    FIELD(var.file_type, 24, 36),
-    FIELD(var.record_type, 28, 40),
-    FIELD(is_normal_file, 32, 44),
-    FIELD(is_opened, 33, 45),
-    FIELD(read_permission, 34, 46),
-    FIELD(var.error_number, 36, 48),
-    FIELD(direct_io, 40, 56),
-    FIELD(tpbuf, 44, 64),
-    FIELD(ops.open, 48, 72),
-    FIELD(ops.close, 52, 80),
-    FIELD(ops.read, 56, 88),
-    FIELD(ops.write, 60, 96),
-    FIELD(ops.seek, 64, 104),
-    FIELD(ops.tell, 68, 112),
-    FIELD(ops.fsync, 72, 120),
-    FIELD(ops.size, 76, 128),
-    FIELD(ops.set_max_time, 80, 136),
-    FIELD(ops.get_max_time, 84, 144),
-    FIELD(ops.set_last_wrote_time, 88, 152),
+    FIELD(var.file_mode, 60, 80),
+    FIELD(var.file_type, 64, 84),
+    FIELD(var.record_type, 68, 88),
+    FIELD(is_normal_file, 72, 92),
+    FIELD(is_opened, 73, 93),
+    FIELD(read_permission, 74, 94),
+    FIELD(var.error_number, 76, 96),
+    FIELD(direct_io, 80, 104),
+    FIELD(tpbuf, 84, 112),
+    FIELD(ops.open, 88, 120),
+    FIELD(ops.close, 92, 128),
+    FIELD(ops.read, 96, 136),
+    FIELD(ops.write, 100, 144),
+    FIELD(ops.seek, 104, 152),
+    FIELD(ops.tell, 108, 160),
+    FIELD(ops.fsync, 112, 168),
+    FIELD(ops.size, 116, 176),
+    FIELD(ops.set_max_time, 120, 184),
+    FIELD(ops.get_max_time, 124, 192),
+    FIELD(ops.set_last_wrote_time, 128, 200),
 };
 
 TEST(PvrFileLayout, TheFieldsStandInTheirOrder) {
@@ -725,8 +725,36 @@ TEST(PvrFileLayout, EveryFieldIsWhereCallersExpectIt) {
   for (const Field &field : kFields) {
     EXPECT_EQ(field.offset, sizeof(void *) == 4 ? field.on_32_bit : field.on_64_bit) << field.name;
   }
-  EXPECT_EQ(sizeof(GstPvrFile), sizeof(void *) == 4 ? 92u : 160u);
+  EXPECT_EQ(sizeof(GstPvrFile), sizeof(void *) == 4 ? 132u : 208u);
   EXPECT_EQ(sizeof(PvrFileOps), 11 * sizeof(void *));
+}
+
+TEST(PvrFileLayout, TheSocketFilesStateLiesBehindTheLockToo) {
+  const Field socket_fields[] = {
+      FIELD(var.state.socket.socket_io, 4, 8),
+      FIELD(var.state.socket.path, 52, 64),
+      FIELD(var.state.socket.flags, 56, 72),
+  };
+  for (const Field &field : socket_fields) {
+    EXPECT_EQ(field.offset, sizeof(void *) == 4 ? field.on_32_bit : field.on_64_bit) << field.name;
+  }
+}
+
+TEST(PvrFileLayout, TheCutFilesStateLiesBehindTheLockToo) {
+  const Field cut_fields[] = {
+      FIELD(var.state.cut.key, 4, 8),
+      FIELD(var.state.cut.descriptor, 8, 12),
+      FIELD(var.state.cut.file_path, 12, 16),
+      FIELD(var.state.cut.last_wrote_time, 16, 24),
+      FIELD(var.state.cut.cut_buffer_mgr, 20, 32),
+      FIELD(var.state.cut.offset_backup, 24, 40),
+      FIELD(var.state.cut.read_mode, 32, 48),
+      FIELD(var.state.cut.is_direct, 33, 49),
+      FIELD(var.state.cut.own_path, 36, 56),
+  };
+  for (const Field &field : cut_fields) {
+    EXPECT_EQ(field.offset, sizeof(void *) == 4 ? field.on_32_bit : field.on_64_bit) << field.name;
+  }
 }
 
 TEST(PvrFileLayout, TheFlagsOfTheHandleAreThoseOfItsInnerState) {
