@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "paths.h"
+
 namespace plexa::rec {
 namespace {
 
@@ -157,7 +159,7 @@ bool IndexWriter::append(const Gop &gop, const std::vector<Channel> &channels) {
 
 // A part of a record at the end would shift what readers take for the last record.
 bool IndexWriter::cut_back() {
-  if (truncate(file_.path().c_str(), static_cast<off_t>(end_)) == 0) at_ = -1;
+  if (!is_box_in_use() && truncate(file_.path().c_str(), static_cast<off_t>(end_)) == 0) at_ = -1;
   return false;
 }
 

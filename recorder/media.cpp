@@ -1,6 +1,8 @@
 // media.cpp - the transport packet header. ISO/IEC 13818-1 clause 2.4.3. Pure functions.
 #include "media.h"
 
+#include <cstring>
+
 namespace plexa::rec {
 
 Payload packet_payload(const uint8_t *packet) {
@@ -25,6 +27,12 @@ unsigned packet_counter(const uint8_t *packet) { return packet[3] & 15u; }
 bool packet_may_jump(const uint8_t *packet) {
   const bool has_flags = (packet[3] & 0x20) != 0 && packet[4] > 0;
   return has_flags && (packet[5] & 0x80) != 0;
+}
+
+void make_null_packet(uint8_t *packet) {
+  constexpr uint8_t kHeader[] = {kSyncByte, kNoPid >> 8, kNoPid & 0xff, 0x10};
+  std::memset(packet, 0xff, kPacketSize);
+  std::memcpy(packet, kHeader, sizeof kHeader);
 }
 
 }  // namespace plexa::rec

@@ -29,6 +29,7 @@ bool packet_is_damaged(const uint8_t *packet);    // the receiver says so
 bool packet_is_scrambled(const uint8_t *packet);  // its payload, that is
 unsigned packet_counter(const uint8_t *packet);
 bool packet_may_jump(const uint8_t *packet);  // discontinuity_indicator
+void make_null_packet(uint8_t *packet);       // stuffing; ISO/IEC 13818-1 clause 2.4.1
 
 // Video coding, with the numbers that the index uses for it.
 enum class Codec : uint8_t { kMpeg2 = 0, kH264 = 1, kH265 = 4 };

@@ -10,6 +10,17 @@ constexpr size_t kBlock = 4096;
 
 }  // namespace
 
+bool OutputFile::exists(const std::string &path) {
+  GstPvrFile file{};
+  gst_pvr_file_init(&file);
+  const bool opened =
+      gst_pvr_file_open(&file, path.c_str(), GST_PVR_FILE_READ, GST_PVR_FILE_BUFFER_IO,
+                        GST_PVR_FILE_NORMAL, GST_PVR_FILE_STREAM, 0, 0) >= 0;
+  if (opened) gst_pvr_file_close(&file);
+  gst_pvr_file_deinit(&file);
+  return opened;
+}
+
 OutputFile::OutputFile() : file_{} { gst_pvr_file_init(&file_); }
 
 OutputFile::~OutputFile() {
@@ -56,7 +67,7 @@ bool OutputFile::seek(int64_t offset) {
   return gst_pvr_file_seek(&file_, offset, 0) == offset || fail();
 }
 
-bool OutputFile::sync() { return gst_pvr_file_fsync(&file_) == 0 || fail(); }
+bool OutputFile::sync() { return gst_pvr_file_fsync(&file_) >= 0 || fail(); }
 
 bool OutputFile::close() {
   if (!open_) return true;

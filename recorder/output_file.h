@@ -17,6 +17,9 @@ class OutputFile {
  public:
   enum class Kind { kStream, kIndex };
 
+  // Whether there is such a file, wherever files lie.
+  static bool exists(const std::string &path);
+
   OutputFile();
   ~OutputFile();
   OutputFile(const OutputFile &) = delete;

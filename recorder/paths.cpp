@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "gst-plexa/gst_pvr_tools.h"
+#include "gst-plexa/gst_zeb.h"
 
 namespace plexa::rec {
 namespace {
@@ -36,6 +37,10 @@ std::string folder_of(const std::string &path) { return path.substr(0, path.rfin
 
 }  // namespace
 
+bool is_box_in_use() { return gst_zeb_is_need_socket() == 1; }
+
+bool is_disk_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
+
 std::string error_text(int error) { return std::generic_category().message(error); }
 
 std::string resolve_recording(const std::string &stream_path, RecordingPaths &paths) {
@@ -50,10 +55,14 @@ std::string resolve_recording(const std::string &stream_path, RecordingPaths &pa
     return "'" + stream_path + "' is the name of an index; name the stream file";
   }
   std::string folder = slash == std::string::npos ? "." : stream_path.substr(0, slash + 1);
-  const Text real(realpath(folder.c_str(), nullptr));
-  if (!real) return "folder '" + folder + "': " + error_text(errno);
-  folder = real.get();
-  paths.stream = (folder == "/" ? "" : folder) + "/" + name;
+  if (is_box_in_use()) {
+    paths.stream = (stream_path[0] == '/' ? "" : "/") + stream_path;
+  } else {
+    const Text real(realpath(folder.c_str(), nullptr));
+    if (!real) return "folder '" + folder + "': " + error_text(errno);
+    folder = real.get();
+    paths.stream = (folder == "/" ? "" : folder) + "/" + name;
+  }
   const Text index(gst_pvr_tool_change_extension(paths.stream.c_str(), kIndexExtension));
   if (!index) return "out of memory";
   paths.index = index.get();
@@ -65,12 +74,14 @@ RecordingLock::~RecordingLock() {
 }
 
 bool RecordingLock::acquire(const std::string &stream) {
+  if (is_box_in_use()) return true;
   if (descriptor_ < 0) descriptor_ = open(stream.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor_ < 0) return true;  // what is wrong with it shows when it is used
   return flock(descriptor_, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 void sync_folder(const std::string &path) {
+  if (is_box_in_use()) return;
   const int folder = open(folder_of(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folder < 0) return;
   fsync(folder);

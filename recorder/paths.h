@@ -13,10 +13,16 @@ struct RecordingPaths {
   std::string index;
 };
 
+// Whether the recordings of this process lie on a companion box. There a path is the box's, from
+// the root of what it serves, and files are reached through the library's handle alone: not locked,
+// not removed, not shortened.
+bool is_box_in_use();
+
 // Sets `paths`; else the result is one line that says what is wrong with the name.
 std::string resolve_recording(const std::string &stream_path, RecordingPaths &paths);
 
 std::string error_text(int error);  // "No space left on device"
+bool is_disk_full(int error);       // also of a quota, or of the longest file that is allowed
 
 // Holds a recording for one writer at a time, in whatever process, until it goes out of scope. The
 // lock dies with the process.

@@ -17,12 +17,14 @@
 
 #include "index_writer.h"
 #include "input.h"
+#include "output_file.h"
 #include "packet_grid.h"
 #include "paths.h"
 #include "probe.h"
 #include "session.h"
 #include "stream_indexer.h"
 #include "stream_writer.h"
+#include "timeshift_writer.h"
 #include "write_behind.h"
 
 namespace plexa::rec {
@@ -31,8 +33,7 @@ namespace {
 constexpr size_t kBlock = size_t{256} << 10;  // one read
 constexpr uint64_t kWriteback = uint64_t{16} << 20;
 constexpr size_t kMostHeld = size_t{64} << 20;  // held back until the input has proved good
-
-bool is_disk_full(int error) { return error == ENOSPC || error == EDQUOT || error == EFBIG; }
+constexpr size_t kPacedBlock = size_t{32} << 10;
 
 class Recording {
  public:
@@ -41,11 +42,16 @@ class Recording {
         fd_(fd),
         options_(options),
         probe_(options.program),
-        progress_(options) {}
+        progress_(options),
+        pace_(options.speed, options.stop),
+        timeshift_(options.timeshift ? std::make_unique<TimeshiftWriter>(*options.timeshift)
+                                     : nullptr),
+        observer_(options.timeshift ? options.timeshift->observer : nullptr) {}
 
   Outcome run(const std::string &stream_path);
 
  private:
+  std::string check_options() const;
   std::string check_outputs();
   std::string refuse_output(const std::string &path) const;
   bool take_input();
@@ -54,12 +60,17 @@ class Recording {
   void begin_indexing();
   bool begin_recording();
   bool create_files();
+  bool create_stream();
+  PacketStore &store();
   bool append_stored();
   void start_writeback();
   bool append_gops(uint64_t stored);
   void stream_failed();
   void end_input();
+  void fill_unit();
+  void tell_end();
   Outcome end_recording();
+  void describe_buffer(Summary &summary) const;
   Outcome refused();
   void remove_files();
 
@@ -68,14 +79,17 @@ class Recording {
   const Options &options_;
   Probe probe_;
   ProgressReport progress_;
+  Pace pace_;
   RecordingPaths paths_;
   RecordingLock old_lock_;  // on what is overwritten
   RecordingLock lock_;
   PacketGrid grid_;
   std::vector<uint8_t> held_;
   std::unique_ptr<StreamIndexer> indexer_;
-  StreamWriter stream_;
-  WriteBehind writer_{stream_, kBlock + PacketGrid::kMostKept};
+  StreamWriter ordinary_;
+  std::unique_ptr<TimeshiftWriter> timeshift_;  // null: an ordinary recording
+  TimeshiftObserver *observer_;
+  WriteBehind writer_{store(), kBlock + PacketGrid::kMostKept};
   IndexWriter index_;
   bool recording_ = false;       // the files exist
   uint64_t packets_ = 0;         // taken from the input
@@ -83,10 +97,17 @@ class Recording {
   std::string error_;            // what made the work impossible
   std::string ended_by_;         // what ended the recording before the input did
   bool disk_full_ = false;
+  bool observed_ = false;  // the observer was told that the recording began
 };
 
+PacketStore &Recording::store() {
+  if (timeshift_) return *timeshift_;
+  return ordinary_;
+}
+
 Outcome Recording::run(const std::string &stream_path) {
-  error_ = resolve_recording(stream_path, paths_);
+  error_ = check_options();
+  if (error_.empty()) error_ = resolve_recording(stream_path, paths_);
   if (error_.empty()) error_ = check_outputs();
   if (!error_.empty()) return failure(error_);
   const bool input_is_good = take_input();
@@ -97,6 +118,19 @@ Outcome Recording::run(const std::string &stream_path) {
 }
 
 // --- the outputs, before anything is touched
+
+std::string Recording::check_options() const {
+  if (!options_.timeshift) return "";
+  if (is_box_in_use()) return "a time-shift recording cannot be made on the companion box";
+  if (options_.layout != Layout::kCurrent) {
+    return "a time-shift recording has the current index layout";
+  }
+  const int64_t most = options_.timeshift->max_time_ms;
+  if (gst_pvr_file_get_calculated_max_time(most, nullptr) == 0) {
+    return "a time-shift recording holds at least 6 minutes";
+  }
+  return "";
+}
 
 std::string Recording::check_outputs() {
   for (const std::string &path : {paths_.stream, paths_.index}) {
@@ -109,6 +143,10 @@ std::string Recording::check_outputs() {
 }
 
 std::string Recording::refuse_output(const std::string &path) const {
+  if (is_box_in_use()) {
+    const bool refused = !options_.overwrite && OutputFile::exists(path);
+    return refused ? "'" + path + "' exists already" : "";
+  }
   struct stat there = {};
   if (lstat(path.c_str(), &there) != 0) return "";
   if (!S_ISREG(there.st_mode)) return "'" + path + "' is not a regular file";
@@ -126,10 +164,11 @@ std::string Recording::refuse_output(const std::string &path) const {
 // False: the recording has to end here (error_ or ended_by_ says why, or it was refused).
 bool Recording::take_input() {
   std::vector<uint8_t> rest;  // bytes of packets that are not whole yet
+  const size_t most = options_.speed > 0 ? kPacedBlock : kBlock;
   for (;;) {
     uint8_t *const block = writer_.block();
     std::copy(rest.begin(), rest.end(), block);
-    const int64_t got = input_.read(block + rest.size(), kBlock);
+    const int64_t got = input_.read(block + rest.size(), most);
     if (got < 0) {
       ended_by_ = "the input cannot be read: " + error_text(errno);
       return true;
@@ -137,11 +176,12 @@ bool Recording::take_input() {
     const size_t size = rest.size() + static_cast<size_t>(got);
     const PacketGrid::Packets found = grid_.scan(block, size, got == 0);
     rest.assign(block + found.consumed, block + size);
-    const bool is_live = static_cast<size_t>(got) < kBlock;
+    const bool is_live = static_cast<size_t>(got) < most;
     if (!take_packets(found.data, found.count, is_live)) return false;
     if (got == 0) return true;
-    progress_.update(input_.taken(), input_.total(), indexer_ ? indexer_->gops().time() : 0,
-                     index_.gops());
+    const uint32_t time = indexer_ ? indexer_->gops().time() : 0;
+    progress_.update(input_.taken(), input_.total(), time, index_.gops());
+    pace_.wait_for(time);
   }
 }
 
@@ -149,6 +189,7 @@ bool Recording::take_input() {
 // date.
 bool Recording::take_packets(const uint8_t *data, size_t count, bool is_live) {
   if (count == 0) return true;
+  if (observer_ != nullptr) observer_->taken(data, count);
   if (!recording_) return hold(data, count);
   indexer_->packets(data, count, packets_);
   packets_ += count;
@@ -179,8 +220,18 @@ void Recording::begin_indexing() {
 void Recording::end_input() {
   if (!indexer_ && probe_.finish()) begin_indexing();
   if (!indexer_) return;
+  if (timeshift_) fill_unit();
   indexer_->finish(packets_);
   if (!recording_ && indexer_->gops().has_gop()) begin_recording();
+}
+
+// A buffer takes whole units only: null packets fill up the last one.
+void Recording::fill_unit() {
+  const size_t count = TimeshiftWriter::filling(packets_);
+  if (count == 0 || !error_.empty()) return;
+  uint8_t *const block = writer_.block();
+  for (size_t i = 0; i < count; ++i) make_null_packet(block + i * kPacketSize);
+  take_packets(block, count, false);
 }
 
 Outcome Recording::refused() {
@@ -198,7 +249,7 @@ bool Recording::begin_recording() {
   recording_ = create_files();
   if (!recording_) return false;
   const std::vector<uint8_t> held = std::exchange(held_, {});
-  if (!stream_.write(held.data(), held.size())) {
+  if (!store().write(held.data(), held.size())) {
     stream_failed();
     return false;
   }
@@ -209,6 +260,7 @@ bool Recording::begin_recording() {
 bool Recording::create_files() {
   // An old index must not stand beside a new stream, not even for a moment.
   for (const std::string &path : {paths_.index, paths_.stream}) {
+    if (is_box_in_use()) continue;  // it makes and empties what is opened for writing
     const int removed = options_.overwrite ? unlink(path.c_str()) : 0;
     const int error = removed != 0 && errno != ENOENT ? errno : create_new_file(path);
     if (error == 0) continue;
@@ -218,14 +270,23 @@ bool Recording::create_files() {
   }
   if (!lock_.acquire(paths_.stream))
     error_ = "'" + paths_.stream + "' is being recorded or indexed";
-  if (error_.empty() && !stream_.create(paths_.stream, options_.direct)) {
-    error_ = "cannot write '" + paths_.stream + "': " + error_text(stream_.error());
+  if (error_.empty() && !create_stream()) {
+    error_ = "cannot write '" + paths_.stream + "': " + error_text(store().error());
   }
   if (error_.empty() && !index_.create(paths_.index, options_.layout)) {
     error_ = "cannot write '" + paths_.index + "': " + error_text(index_.error());
   }
   if (!error_.empty()) remove_files();
+  if (error_.empty() && observer_ != nullptr) {
+    observed_ = true;
+    observer_->began(paths_.stream);
+  }
   return error_.empty();
+}
+
+bool Recording::create_stream() {
+  if (timeshift_) return timeshift_->create(paths_.stream);
+  return ordinary_.create(paths_.stream, options_.direct && !is_box_in_use());
 }
 
 // Appends the GOPs that are stored by now. False: the recording has to end here.
@@ -246,22 +307,34 @@ bool Recording::append_stored() {
 // the disk, finds little left to do. Only a hint: what becomes of it shows there.
 void Recording::start_writeback() {
   const uint64_t stored = writer_.stored_packets() * kPacketSize;
-  if (options_.direct || stored - handed_to_disk_ < kWriteback) return;
+  if (options_.direct || timeshift_ || stored - handed_to_disk_ < kWriteback) return;
   sync_file_range(lock_.descriptor(), static_cast<off64_t>(handed_to_disk_),
                   static_cast<off64_t>(stored - handed_to_disk_), SYNC_FILE_RANGE_WRITE);
   handed_to_disk_ = stored;
 }
 
 void Recording::stream_failed() {
-  disk_full_ = is_disk_full(stream_.error());
-  ended_by_ = "the stream file takes no more: " + error_text(stream_.error());
+  disk_full_ = is_disk_full(store().error());
+  ended_by_ = store().problem();
+}
+
+// The observer may still read what there is, while offsets mean what they did.
+void Recording::tell_end() {
+  if (!observed_) return;
+  observed_ = false;
+  timeshift_->settle();
+  observer_->ended();
 }
 
 // Records speak of stored packets only.
 bool Recording::append_gops(uint64_t stored) {
   indexer_->gops().settle(stored);
   while (const std::optional<Gop> gop = indexer_->gops().take(stored)) {
-    if (index_.append(*gop, indexer_->channels())) continue;
+    if (index_.append(*gop, indexer_->channels())) {
+      // The time that the library hears from the writer is never ahead of the index.
+      if (timeshift_) timeshift_->set_time(index_.duration());
+      continue;
+    }
     disk_full_ = disk_full_ || is_disk_full(index_.error());
     if (ended_by_.empty()) ended_by_ = "the index takes no more: " + error_text(index_.error());
     return false;
@@ -271,30 +344,41 @@ bool Recording::append_gops(uint64_t stored) {
 
 Outcome Recording::end_recording() {
   writer_.stop();
-  if (!stream_.finish() && ended_by_.empty()) stream_failed();
+  tell_end();
+  if (!store().finish() && ended_by_.empty()) stream_failed();
   // The last GOPs have had to wait for their end; what the stream file does not hold is forgotten.
-  indexer_->gops().truncate(stream_.packets());
-  if (index_.error() == 0) append_gops(stream_.packets());
+  indexer_->gops().truncate(store().packets());
+  if (index_.error() == 0) append_gops(store().packets());
   if (index_.gops() == 0) {
     remove_files();
     return failure(ended_by_.empty() ? "no whole GOP was recorded"
                                      : ended_by_ + " (before the first GOP was complete)");
   }
   Outcome outcome;
-  outcome.ok = index_.finish(stream_.packets() * kPacketSize);
+  outcome.ok = index_.finish(store().packets() * kPacketSize);
   sync_folder(paths_.index);
   if (!outcome.ok) outcome.error = "the index cannot be completed: " + error_text(index_.error());
-  outcome.summary = summarise(*indexer_, index_, stream_.packets());
+  outcome.summary = summarise(*indexer_, index_, store().packets());
   outcome.summary.resyncs = grid_.resyncs();
   outcome.summary.disk_full = disk_full_;
+  if (timeshift_) describe_buffer(outcome.summary);
   add_note(outcome.summary.note, ended_by_);
   return outcome;
 }
 
+void Recording::describe_buffer(Summary &summary) const {
+  summary.removed = timeshift_->removed();
+  if (timeshift_->span() == 0) return;
+  add_note(summary.note, "the disk was nearly full: the buffer was cut to " +
+                             std::to_string(timeshift_->span() / 1000) + " s before its time");
+}
+
 void Recording::remove_files() {
   writer_.stop();
-  stream_.abandon();
+  tell_end();
+  store().abandon();
   index_.abandon();
+  if (is_box_in_use()) return;
   unlink(paths_.index.c_str());
   unlink(paths_.stream.c_str());
 }

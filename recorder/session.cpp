@@ -5,9 +5,11 @@
 #include <gst/gst.h>
 #include <gst/mpegts/mpegts.h>
 
+#include <algorithm>
 #include <exception>
 #include <mutex>
 #include <new>
+#include <thread>
 
 namespace plexa::rec {
 
@@ -45,6 +47,19 @@ void ProgressReport::update(uint64_t bytes_in, uint64_t bytes_total, uint32_t re
   if (now < next_) return;
   next_ = now + std::chrono::milliseconds(100);
   options_.progress(Progress{bytes_in, bytes_total, recorded_ms, gops});
+}
+
+void Pace::wait_for(uint32_t recorded_ms) {
+  constexpr std::chrono::milliseconds kPatience{50};  // between two looks at `stop`
+  if (speed_ <= 0 || recorded_ms == 0) return;
+  if (!started_) start_ = Clock::now();
+  started_ = true;
+  const std::chrono::duration<double, std::milli> due(recorded_ms / speed_);
+  for (;;) {
+    const auto rest = due - (Clock::now() - start_);
+    if (rest.count() <= 0 || (stop_ != nullptr && stop_->load())) return;
+    std::this_thread::sleep_for(std::min<decltype(due)>(rest, kPatience));
+  }
 }
 
 Summary summarise(const StreamIndexer &indexer, const IndexWriter &index, uint64_t packets) {

@@ -2,6 +2,7 @@
 #ifndef PLEXA_RECORDER_SESSION_H_
 #define PLEXA_RECORDER_SESSION_H_
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -30,6 +31,22 @@ class ProgressReport {
  private:
   const Options &options_;
   std::chrono::steady_clock::time_point next_{};
+};
+
+// Holds a recording back to a multiple of the time that it tells.
+class Pace {
+ public:
+  // `speed` 0: as fast as it goes. `stop` ends every wait.
+  Pace(double speed, const std::atomic<bool> *stop) : speed_(speed), stop_(stop) {}
+  // The recording has reached this time; waits for the clock to reach it, too.
+  void wait_for(uint32_t recorded_ms);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  const double speed_;
+  const std::atomic<bool> *const stop_;
+  Clock::time_point start_{};
+  bool started_ = false;
 };
 
 Summary summarise(const StreamIndexer &indexer, const IndexWriter &index, uint64_t packets);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "media.h"
+#include "paths.h"
 
 namespace plexa::rec {
 namespace {
@@ -33,6 +34,10 @@ bool StreamWriter::create(const std::string &path, bool direct) {
 }
 
 uint64_t StreamWriter::packets() const { return stored_ / kPacketSize; }
+
+std::string StreamWriter::problem() const {
+  return "the stream file takes no more: " + error_text(error_);
+}
 
 bool StreamWriter::write(const uint8_t *data, size_t size) {
   if (failed_) return false;
@@ -73,6 +78,7 @@ bool StreamWriter::flush_gathered() {
 bool StreamWriter::cut_to_packets() {
   if (stored_ % kPacketSize == 0) return true;
   stored_ = packets() * kPacketSize;
+  if (is_box_in_use()) return true;  // readers know whole packets only
   return truncate(file_.path().c_str(), static_cast<off_t>(stored_)) == 0 || fail(errno);
 }
 

@@ -13,23 +13,23 @@
 #include <string>
 
 #include "output_file.h"
+#include "packet_store.h"
 
 namespace plexa::rec {
 
-class StreamWriter {
+class StreamWriter : public PacketStore {
  public:
   // Begins in the empty file `path`. False: error().
   bool create(const std::string &path, bool direct);
-  // False: the file takes no more, error() says why; stored() tells how far it got.
-  bool write(const uint8_t *data, size_t size);
-  // Writes what is still gathered, cuts off a packet that is not whole, makes the file durable and
-  // closes it. False: error(); the file is closed all the same.
-  bool finish();
-  void abandon();
+  bool write(const uint8_t *data, size_t size) override;
+  // A packet that is not whole is cut off.
+  bool finish() override;
+  void abandon() override;
 
   uint64_t stored() const { return stored_; }  // bytes in the file
-  uint64_t packets() const;                    // whole packets in the file
-  int error() const { return error_; }
+  uint64_t packets() const override;
+  int error() const override { return error_; }
+  std::string problem() const override;
 
  private:
   struct Free {

@@ -13,7 +13,7 @@ constexpr size_t kBlocks = 4;
 
 }  // namespace
 
-WriteBehind::WriteBehind(StreamWriter &stream, size_t block_size) : stream_(stream) {
+WriteBehind::WriteBehind(PacketStore &store, size_t block_size) : store_(store) {
   for (size_t i = 0; i < kBlocks; ++i) {
     blocks_.push_back(std::make_unique<uint8_t[]>(block_size));
     free_.push_back(i);
@@ -23,7 +23,7 @@ WriteBehind::WriteBehind(StreamWriter &stream, size_t block_size) : stream_(stre
 WriteBehind::~WriteBehind() { stop(); }
 
 void WriteBehind::start() {
-  stored_packets_ = stream_.packets();
+  stored_packets_ = store_.packets();
   try {
     thread_ = std::thread([this] { run(); });
   } catch (const std::system_error &) {
@@ -59,8 +59,8 @@ void WriteBehind::hand_over(const uint8_t *data, size_t size) {
 }
 
 bool WriteBehind::store(const Job &job) {
-  const bool stored = stream_.write(job.data, job.size);
-  const uint64_t packets = stream_.packets();
+  const bool stored = store_.write(job.data, job.size);
+  const uint64_t packets = store_.packets();
   const std::lock_guard hold(lock_);
   stored_packets_ = packets;
   return stored;

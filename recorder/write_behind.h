@@ -15,15 +15,15 @@
 #include <thread>
 #include <vector>
 
-#include "stream_writer.h"
+#include "packet_store.h"
 
 namespace plexa::rec {
 
 class WriteBehind {
  public:
-  // Stores through `stream`, which nobody else may touch between start() and stop(). `block_size`:
+  // Stores through `store`, which nobody else may touch between start() and stop(). `block_size`:
   // bytes in a block.
-  WriteBehind(StreamWriter &stream, size_t block_size);
+  WriteBehind(PacketStore &store, size_t block_size);
   ~WriteBehind();
   WriteBehind(const WriteBehind &) = delete;
   WriteBehind &operator=(const WriteBehind &) = delete;
@@ -52,7 +52,7 @@ class WriteBehind {
   void run();
   bool store(const Job &job);
 
-  StreamWriter &stream_;
+  PacketStore &store_;
   std::vector<std::unique_ptr<uint8_t[]>> blocks_;
   size_t current_ = 0;  // the block that the caller fills
   bool holds_block_ = false;

@@ -17,10 +17,10 @@ G_BEGIN_DECLS
 /* What a partial delete removes is whole units: 1024 packets of 188 bytes, 47 blocks of 4096. */
 #define GST_EDIT_UNIT_SIZE 192512
 
-/* Result codes. */
-#define GST_EDIT_UNIT_FAILED 80000000     /* could not be opened, or the removal failed */
-#define GST_EDIT_UNIT_NOT_NEEDED 80000003 /* no whole unit in the range, or the path is too long \
-                                           */
+/* Result codes: the file could not be opened or the removal failed; nothing to remove, or too long
+ * a path. */
+#define GST_EDIT_UNIT_FAILED 80000000
+#define GST_EDIT_UNIT_NOT_NEEDED 80000003
 
 /**
  * Remove a range of whole units from a stream file. Both ends are moved down to the next multiple

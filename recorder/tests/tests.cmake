@@ -16,6 +16,11 @@ if(TARGET plexa-recorder)
     target_link_libraries(${name} PRIVATE plexa-recorder-test-support plexa-objects
       GTest::gmock_main)
     target_link_options(${name} PRIVATE ${PLEXA_WRAP_OPTIONS})
+    if(name STREQUAL recorder_timeshift_test)
+      target_link_options(${name} PRIVATE -Wl,--wrap=statvfs64,--wrap=gst_pvr_file_write
+        -Wl,--wrap=gst_pvr_file_set_max_time,--wrap=gst_pvr_file_set_last_wrote_time
+        -Wl,--wrap=gst_pvr_file_close)
+    endif()
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS recorder TIMEOUT 600)
   endforeach()
 endif()

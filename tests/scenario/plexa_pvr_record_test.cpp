@@ -16,6 +16,7 @@ using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
 constexpr int64_t kGopTable = 954360;
+constexpr int64_t kCodecAt = 4088 + 176;  // in the first channel record
 
 std::string as_text(const std::vector<uint8_t> &bytes) { return {bytes.begin(), bytes.end()}; }
 
@@ -283,6 +284,25 @@ TEST_F(PlexaPvrRecordTest, RepairRedoesTheTailThatACrashLeftBehind) {
   EXPECT_EQ(gop_records(film.index).size(), before.size());
   const auto bytes = read_file(film.index);
   EXPECT_EQ(std::string(bytes.begin() + 4088 + 16, bytes.begin() + 4088 + 20), "kept");
+}
+
+// What check calls a fault of a record, repair must not call sound.
+TEST_F(PlexaPvrRecordTest, RepairMendsWhatCheckFindsInARecord) {
+  for (const std::string &input : {h264_stream(), mpeg2_stream(), h265_stream()}) {
+    const RecordingFiles film = record(input, dir_.file("film.kvf"), {"--overwrite"});
+    const auto made = read_file(film.index);
+    const int codec = made[kCodecAt];
+    // The codec; the first PTS; the last frame's time and packet in the third record.
+    for (const int64_t at :
+         {kCodecAt, kGopTable, kGopTable + 2 * 104 + 63, kGopTable + 2 * 104 + 65}) {
+      write_file(film.index, made);
+      poke(film.index, at, {static_cast<uint8_t>(at == kCodecAt ? (codec == 0 ? 1 : 0) : 0x7f)});
+      EXPECT_EQ(pvr({"check", film.stream}).exit_code, 1) << input << ' ' << at;
+      const Ended run = pvr({"index", film.stream, "--repair"});
+      EXPECT_EQ(run.exit_code, 0) << run.err;
+      expect_sound(film);
+    }
+  }
 }
 
 TEST_F(PlexaPvrRecordTest, AnIndexThatCannotBeMadeLeavesTheOldOne) {

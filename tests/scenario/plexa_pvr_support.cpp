@@ -281,6 +281,15 @@ std::string h265_stream() {
                  "! h265parse config-interval=-1 ! mpegtsmux");
 }
 
+std::string ten_minutes_stream() {
+  return encoded("ten-minutes",
+                 "videotestsrc num-buffers=1200 pattern=ball "
+                 "! video/x-raw,format=I420,width=160,height=120,framerate=2/1 "
+                 "! x264enc key-int-max=10 bitrate=200 speed-preset=ultrafast "
+                 "option-string=scenecut=0 ! h264parse config-interval=-1 "
+                 "! mpegtsmux bitrate=400000");
+}
+
 RecordingFiles record(const std::string &input, const std::string &stream,
                       const std::vector<std::string> &options) {
   std::vector<std::string> arguments{"record", input, stream};

@@ -70,6 +70,8 @@ bool complains_once(const Ended &run, const std::string &words);
 std::string h264_stream();   // with B-frames, and an audio stream
 std::string mpeg2_stream();  // open GOPs
 std::string h265_stream();
+// Ten minutes at 400 kbit/s, most of it null packets: two pictures a second, an I-frame every five.
+std::string ten_minutes_stream();
 
 struct RecordingFiles {
   std::string stream;

@@ -1,12 +1,8 @@
 // cmd_record.cpp - plexa-pvr record: a recording of a transport stream.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-
 #include "command_line.h"
+#include "cut_journal.h"
 #include "failure.h"
+#include "input_file.h"
 #include "interrupt.h"
 #include "recorder.h"
 #include "recording_work.h"
@@ -17,33 +13,6 @@ namespace plexa::pvr {
 extern const Command kRecord;
 
 namespace {
-
-constexpr char kExtension[] = ".kvf";
-
-// The input's descriptor, closed at the end unless it is standard input.
-class Input {
- public:
-  explicit Input(const std::string &path) {
-    if (path == "-") {
-      descriptor_ = STDIN_FILENO;
-    } else {
-      descriptor_ = ::open64(path.c_str(), O_RDONLY | O_CLOEXEC);
-    }
-    struct stat64 status {};
-    if (descriptor_ < 0 || ::fstat64(descriptor_, &status) != 0) throw path_failure(path, errno);
-    if (S_ISDIR(status.st_mode)) throw path_failure(path, EISDIR);
-  }
-  ~Input() {
-    if (descriptor_ > STDIN_FILENO) ::close(descriptor_);
-  }
-  Input(const Input &) = delete;
-  Input &operator=(const Input &) = delete;
-
-  int descriptor() const { return descriptor_; }
-
- private:
-  int descriptor_ = -1;
-};
 
 int run(int argc, char **argv) {
   rec::Options options;
@@ -71,12 +40,10 @@ int run(int argc, char **argv) {
   options.direct = direct != FALSE;
   options.overwrite = overwrite != FALSE;
   options.follow = follow != FALSE;
-  if (!line.operand(1).ends_with(kExtension)) {
-    throw UsageError(format("the recording's name must end in %s: '%s'", kExtension,
-                            display(line.operand(1)).c_str()));
-  }
+  stream_name(line.operand(1));
+  if (options.overwrite) settle_before_overwriting(line.operand(1));
 
-  const Input input(line.operand(0));
+  const InputFile input(line.operand(0));
   options.stop = &catch_interrupts();
   rec::Outcome outcome;
   {

@@ -3,6 +3,7 @@
 namespace plexa::pvr {
 
 extern const Command kRecord;
+extern const Command kTimeshift;
 extern const Command kIndex;
 extern const Command kInfo;
 extern const Command kFrames;
@@ -11,11 +12,15 @@ extern const Command kCheck;
 extern const Command kThumbnail;
 extern const Command kReport;
 extern const Command kExport;
+extern const Command kCut;
+extern const Command kKeep;
+extern const Command kRename;
 
 namespace {
 
 constexpr const Command *kCommands[] = {
-    &kRecord, &kIndex, &kInfo, &kFrames, &kSeek, &kCheck, &kThumbnail, &kReport, &kExport,
+    &kRecord,    &kTimeshift, &kIndex,  &kInfo, &kFrames, &kSeek,   &kCheck,
+    &kThumbnail, &kReport,    &kExport, &kCut,  &kKeep,   &kRename,
 };
 
 }  // namespace

@@ -4,20 +4,42 @@
 // exit code: 0 done, 1 failure, 2 usage.
 #include <glib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <iterator>
+#include <string_view>
 
 #include "command_line.h"
 #include "commands.h"
 #include "failure.h"
+#include "paths.h"
 #include "plexa_platform_host.h"
 #include "text.h"
 
 namespace plexa::pvr {
 namespace {
+
+// Their work takes locks, temporary files and more of a disk than the library's handle gives.
+constexpr std::string_view kLocalCommands[] = {"index", "cut", "keep"};
+
+void require_possible(const std::string &command) {
+  const bool local = std::find(std::begin(kLocalCommands), std::end(kLocalCommands), command) !=
+                     std::end(kLocalCommands);
+  if (local && rec::is_box_in_use()) {
+    throw Failure("not possible with recordings on a companion box");
+  }
+}
+
+bool asks_for_help(int argc, char **argv) {
+  return std::any_of(argv, argv + argc, [](const char *argument) {
+    const std::string_view text(argument);
+    return text == "--help" || text == "-h" || text == "--version";
+  });
+}
 
 std::string command_list() {
   std::string list = "Commands:\n";
@@ -61,6 +83,7 @@ class Program {
     command_ = command->name;
     const std::string name = std::string("plexa-pvr ") + command_;
     g_set_prgname(name.c_str());
+    if (!asks_for_help(argc - first, argv + first)) require_possible(command_);
     return command->run(argc - first, argv + first);
   }
 

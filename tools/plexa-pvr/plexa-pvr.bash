@@ -15,11 +15,15 @@ _plexa_pvr() {
       mapfile -t COMPREPLY < <(compgen -W 'off error debug' -- "$cur")
       return
       ;;
+    --speed)
+      mapfile -t COMPREPLY < <(compgen -W '1 max' -- "$cur")
+      return
+      ;;
     --dir)
       mapfile -t COMPREPLY < <(compgen -d -- "$cur")
       return
       ;;
-    --time | --offset | --interval | --from | --to | --program | --every)
+    --time | --offset | --interval | --from | --to | --program | --every | --max-time | --readers | --reserve)
       return
       ;;
   esac

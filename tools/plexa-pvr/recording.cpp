@@ -11,8 +11,10 @@
 #include <cstring>
 #include <utility>
 
+#include "cut_journal.h"
 #include "failure.h"
 #include "gst-plexa/gst_pvr_tools.h"
+#include "paths.h"
 #include "text.h"
 
 namespace plexa::pvr {
@@ -76,12 +78,19 @@ guint32 gop_table_start(const pvr_base_table_s &table) {
   return GST_INDEX_BASE_TABLE_SIZE + GST_INDEX_CHANNEL_SLOTS * table.channel_info_size;
 }
 
-}  // namespace
+// On a companion box a path is the box's, and what is wrong with it shows when it is opened.
+RecordingPaths paths_on_box(const std::string &given) {
+  const std::string path = (given[0] == '/' ? "" : "/") + given;
+  require_extension(path);
+  return {path.ends_with(kIndexExtension) ? with_extension(path, kStreamExtension) : path,
+          with_extension(path, kIndexExtension)};
+}
 
-RecordingPaths find_recording(const std::string &given, bool index_must_exist) {
+RecordingPaths find_paths(const std::string &given, bool index_must_exist) {
   if (given.empty()) throw Failure("the path of the recording is empty");
+  if (rec::is_box_in_use()) return paths_on_box(given);
   if (!index_must_exist && given.ends_with(kIndexExtension) && is_missing(given)) {
-    return find_recording(with_extension(given, kStreamExtension), false);
+    return find_paths(with_extension(given, kStreamExtension), false);
   }
   const std::string path = resolved(given);
   require_regular_file(path);
@@ -95,6 +104,14 @@ RecordingPaths find_recording(const std::string &given, bool index_must_exist) {
   if (!index_must_exist) return {path, index};
   require_partner(index, path, "index ('plexa-pvr index' makes it anew)");
   return {path, resolved(index)};
+}
+
+}  // namespace
+
+RecordingPaths find_recording(const std::string &given, bool index_must_exist) {
+  const RecordingPaths paths = find_paths(given, index_must_exist);
+  if (!rec::is_box_in_use()) settle_interrupted_cut(paths);  // no cut of ours works there
+  return paths;
 }
 
 PvrFile::PvrFile(std::string path, guint32 stream_or_index) : path_(std::move(path)) {
@@ -190,7 +207,7 @@ void Recording::start_parser() {
 
 // The recorder holds a lock on the stream file for as long as it works.
 bool Recording::running() const {
-  if (complete()) return false;
+  if (complete() || rec::is_box_in_use()) return false;
   const int descriptor = ::open64(stream_path().c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return false;
   const bool locked = ::flock(descriptor, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;

@@ -1,7 +1,8 @@
 // recording.h - a recording opened for reading: stream file, index and index parser together.
 //
 // What cannot be opened, or is no recording, is refused with a Failure that says in one line which
-// file is meant and what is wrong with it. Nothing is ever written. One thread at a time.
+// file is meant and what is wrong with it. Nothing is ever written, but for the end of a cut that a
+// crash has interrupted. One thread at a time.
 #pragma once
 
 #include <array>
@@ -24,7 +25,8 @@ struct RecordingPaths {
 };
 
 // From the path of either file. The stream file must exist; the index need not (for a command that
-// makes one).
+// makes one). A cut of the recording that a crash has interrupted is finished, or called off,
+// first.
 RecordingPaths find_recording(const std::string &given, bool index_must_exist = true);
 
 // A file that the library has open for reading. The library keeps the address and the path.
