@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -504,6 +505,387 @@ TEST_F(RegistryTest, RecordingsComeAndGoBetweenThreadsWithoutMixing) {
   });
   EXPECT_EQ(failures, 0);
   for (guint32 key = 0; key < 4; ++key) EXPECT_EQ(slot(key).used, 0);
+}
+
+// --- operations and cuts
+
+using plexa::CutStart;
+using plexa::Opening;
+
+class OperationsTest : public RegistryTest {
+ protected:
+  ~OperationsTest() override {
+    gst_shared_info_get();
+    for (guint32 key = 0; key < GST_KEY_MGR_SLOTS; ++key) EXPECT_TRUE(may_cut(key)) << key;
+  }
+
+  bool may_cut(guint32 key = 0) {
+    if (plexa::_begin_cut(key) != CutStart::kStarted) return false;
+    plexa::_end_cut(key);
+    return true;
+  }
+  gint32 running(guint32 key = 0) { return gst_shared_info_get_actioncount(table_, key); }
+  void mark(bool is_cutting, guint32 key = 0) {
+    gst_shared_info_update_cut_mode(table_, key, is_cutting);
+  }
+  bool is_marked(guint32 key = 0) { return gst_shared_info_is_progressing_cut(table_, key); }
+  Opening open_item(const std::string &path, bool reader, GstPvrFile *handle) {
+    return plexa::_open_item(path.c_str(), reader, handle, &key_);
+  }
+
+  gint32 key_ = 77;
+};
+
+TEST_F(OperationsTest, AnOperationIsCountedUntilItLeaves) {
+  EXPECT_TRUE(plexa::_enter_operation(0));
+  EXPECT_TRUE(plexa::_enter_operation(0));
+  EXPECT_EQ(running(), 2);
+  EXPECT_EQ(running(1), 0);
+  plexa::_leave_operation(0);
+  EXPECT_EQ(running(), 1);
+  EXPECT_FALSE(may_cut());
+  EXPECT_TRUE(may_cut(1));
+  plexa::_leave_operation(0);
+  EXPECT_EQ(running(), 0);
+  EXPECT_TRUE(may_cut());
+}
+
+TEST_F(OperationsTest, AnOperationThatIsTakenBackTwiceLeavesTheOthersInside) {
+  EXPECT_TRUE(plexa::_enter_operation(0));
+  EXPECT_TRUE(plexa::_enter_operation(0));
+  gst_shared_info_decrease_actioncount(table_, 0);
+  plexa::_leave_operation(0);
+  EXPECT_EQ(running(), 0);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy);
+  plexa::_leave_operation(0);
+  EXPECT_EQ(running(), 0);
+  EXPECT_TRUE(may_cut());
+}
+
+TEST_F(OperationsTest, AnOperationOutlivesTheReleaseOfItsSlot) {
+  add("/rec.kvf", kReader);
+  EXPECT_TRUE(plexa::_enter_operation(0));
+  remove(0, kReader);
+  EXPECT_EQ(running(), 0);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy);
+  plexa::_leave_operation(0);
+}
+
+TEST_F(OperationsTest, ABadKeyIsLetInAndCountedNowhere) {
+  EXPECT_TRUE(plexa::_enter_operation(kNoKey));
+  plexa::_leave_operation(kNoKey);
+  EXPECT_THAT(LogCapture::messages(kError),
+              ElementsAre("[EXT_FMG] [PLG_ERR] out of range. key=[-1]",
+                          "[EXT_FMG] [PLG_ERR] out of range. key=[-1]"));
+}
+
+TEST_F(OperationsTest, AnOperationThatBeganWithoutARegistryEndsWithOne) {
+  gst_shared_info_remove(table_);
+  EXPECT_TRUE(plexa::_enter_operation(0));
+  table_ = gst_shared_info_get();
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy);
+  plexa::_leave_operation(0);
+  EXPECT_EQ(running(), 0);
+}
+
+TEST_F(OperationsTest, ALongCutIsWaitedForTwoSecondsByEachOfThose) {
+  for (int i = 0; i < 2; ++i) add("/rec.kvf", kReader);
+  mark(true);
+  ASSERT_EQ(plexa::_begin_cut(1), CutStart::kStarted);  // without a mark
+  bool entered[2] = {true, true};
+  Opening opening = Opening::kOpened;
+  const auto begin = std::chrono::steady_clock::now();
+  run_together(3, [&](int number) {
+    if (number < 2) {
+      entered[number] = plexa::_enter_operation(static_cast<guint32>(number));
+    } else {
+      opening = open_item("/rec.kvf", true, a_);
+    }
+  });
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1990));
+  plexa::_end_cut(1);
+  EXPECT_FALSE(entered[0]);
+  EXPECT_FALSE(entered[1]);
+  EXPECT_EQ(opening, Opening::kBusy);
+  EXPECT_EQ(running(), 0);
+  EXPECT_EQ(item().read_count, 2);
+  mark(false);
+}
+
+// What ends a wait at once. Each of them is given a waiting operation.
+class EndOfWaitTest : public OperationsTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(EndOfWaitTest, LetsTheOperationIn) {
+  add("/rec.kvf", kWriter);
+  if (GetParam() == 1) {
+    ASSERT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
+  } else {
+    mark(true);
+  }
+  std::atomic<bool> is_in{false};
+  const auto begin = std::chrono::steady_clock::now();
+  std::thread thread([&] { is_in = plexa::_enter_operation(0); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_FALSE(is_in);
+  if (GetParam() == 0) mark(false);
+  if (GetParam() == 1) plexa::_end_cut(0);
+  if (GetParam() == 2) remove(0, kWriter);
+  if (GetParam() == 3) {
+    gst_shared_info_remove(table_);
+    table_ = gst_shared_info_get();
+  }
+  thread.join();
+  EXPECT_TRUE(is_in);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1900));
+  plexa::_leave_operation(0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, EndOfWaitTest, ::testing::Values(0, 1, 2, 3));
+
+TEST_F(OperationsTest, AnOpenedItemIsCountedListedAndRunning) {
+  EXPECT_EQ(open_item("/rec.kvf", false, a_), Opening::kOpened);
+  EXPECT_EQ(key_, 0);
+  EXPECT_EQ(open_item("/rec.kvf", true, b_), Opening::kOpened);
+  EXPECT_EQ(item().write_count, 1);
+  EXPECT_EQ(item().read_count, 1);
+  EXPECT_EQ(running(), 2);
+  EXPECT_THAT(listed(), ElementsAre(a_, b_));
+  plexa::_leave_operation(0);
+  plexa::_leave_operation(0);
+}
+
+TEST_F(OperationsTest, AnItemWithoutAKeyIsNotOpened) {
+  EXPECT_EQ(open_item("/rec", false, a_), Opening::kNoKey);
+  EXPECT_EQ(key_, -1);
+  for (const char *const path : {"/a.kvf", "/b.kvf", "/c.kvf", "/d.kvf"}) add(path, kReader);
+  EXPECT_EQ(open_item("/e.kvf", false, a_), Opening::kNoKey);
+  EXPECT_LOGGED(kError, "[EXT_FMG] [PLG_ERR] gst_shared_info_pre_add_item out of range:key=[-1]");
+}
+
+TEST_F(OperationsTest, ARefusedItemIsNotRunning) {
+  add_many(3, kWriter);
+  EXPECT_EQ(open_item("/rec.kvf", false, a_), Opening::kRefused);
+  EXPECT_EQ(key_, -1);
+  EXPECT_EQ(running(), 0);
+  EXPECT_EQ(item().write_count, 2) << "the ordinary delete";
+  EXPECT_TRUE(may_cut());
+}
+
+TEST_F(OperationsTest, WithoutARegistryNoItemIsOpened) {
+  gst_shared_info_remove(table_);
+  Faults faults;
+  faults.fail_all("calloc", ENOMEM);
+  EXPECT_EQ(open_item("/rec.kvf", true, a_), Opening::kNoKey);
+  EXPECT_EQ(key_, -1);
+}
+
+TEST_F(OperationsTest, AnItemIsLeftAndDeletedInOneStep) {
+  ASSERT_EQ(open_item("/rec.kvf", false, a_), Opening::kOpened);
+  ASSERT_EQ(open_item("/rec.kvf", true, b_), Opening::kOpened);
+  int locks = 0;
+  {
+    Faults faults;
+    faults.before("pthread_mutex_lock", [&locks] { ++locks; });
+    plexa::_leave_and_delete_item(0, true, b_);
+    EXPECT_EQ(locks, 1);
+  }
+  EXPECT_EQ(running(), 1);
+  EXPECT_EQ(item().read_count, 0);
+  EXPECT_THAT(listed(), ElementsAre(a_));
+  plexa::_leave_and_delete_item(0, false, a_);
+  EXPECT_EQ(slot().used, 0);
+}
+
+TEST_F(OperationsTest, AnItemOfARemovedRegistryIsOnlyLeft) {
+  ASSERT_EQ(open_item("/rec.kvf", false, a_), Opening::kOpened);
+  gst_shared_info_remove(table_);
+  plexa::_leave_and_delete_item(0, false, a_);
+  EXPECT_EQ(g_lib_shared_info.registry, nullptr);
+}
+
+TEST_F(OperationsTest, OneOfThreeWritersGetsTheCut) {
+  add_many(3, kWriter);
+  std::atomic<int> granted{0};
+  int owners[3] = {};
+  run_together(3, [&](int number) {
+    if (plexa::_claim_cut(0, &owners[number])) ++granted;
+  });
+  EXPECT_EQ(granted, 1);
+  EXPECT_TRUE(is_marked());
+}
+
+TEST_F(OperationsTest, AClaimStandsUntilItsOwnerGivesItBack) {
+  int owner = 0;
+  int another = 0;
+  EXPECT_TRUE(plexa::_claim_cut(0, &owner));
+  EXPECT_FALSE(plexa::_claim_cut(0, &owner));
+  plexa::_give_back_cut(0, &another);
+  mark(false);
+  EXPECT_FALSE(plexa::_claim_cut(0, &another));
+  EXPECT_FALSE(is_marked()) << "a refused claim sets no mark";
+  EXPECT_TRUE(plexa::_claim_cut(1, &another)) << "another recording";
+  plexa::_give_back_cut(0, &owner);
+  EXPECT_TRUE(plexa::_claim_cut(0, &another));
+  EXPECT_TRUE(is_marked());
+}
+
+TEST_F(OperationsTest, AClaimGoesWithItsSlot) {
+  int owner = 0;
+  add("/rec.kvf", kWriter);
+  ASSERT_TRUE(plexa::_claim_cut(0, &owner));
+  remove(0, kWriter);
+  EXPECT_TRUE(plexa::_claim_cut(0, &owner));
+}
+
+TEST_F(OperationsTest, AClaimGoesWithTheRegistry) {
+  int owner = 0;
+  ASSERT_TRUE(plexa::_claim_cut(0, &owner));
+  gst_shared_info_remove(table_);
+  EXPECT_FALSE(plexa::_claim_cut(0, &owner)) << "there is nothing to cut";
+  table_ = gst_shared_info_get();
+  EXPECT_TRUE(plexa::_claim_cut(0, &owner));
+}
+
+TEST_F(OperationsTest, ACutBeginsWhenNothingRunsOnItsRecording) {
+  gst_shared_info_increase_actioncount(table_, 0);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy);
+  EXPECT_EQ(plexa::_begin_cut(1), CutStart::kStarted);
+  plexa::_end_cut(1);
+  gst_shared_info_decrease_actioncount(table_, 0);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy) << "another cut is at work";
+  plexa::_end_cut(0);
+}
+
+TEST_F(OperationsTest, ACutThatEndsTakesTheMarkBack) {
+  mark(true);
+  mark(true, 1);
+  ASSERT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
+  EXPECT_TRUE(is_marked());
+  plexa::_end_cut(0);
+  EXPECT_FALSE(is_marked());
+  EXPECT_TRUE(is_marked(1));
+}
+
+TEST_F(OperationsTest, NoCutBeginsWithoutARegistryOrAKey) {
+  EXPECT_EQ(plexa::_begin_cut(4), CutStart::kNoRegistry);
+  gst_shared_info_remove(table_);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kNoRegistry);
+}
+
+TEST_F(OperationsTest, ACutAtWorkMayEndWithoutARegistry) {
+  ASSERT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
+  gst_shared_info_remove(table_);
+  plexa::_end_cut(0);
+  table_ = gst_shared_info_get();
+  EXPECT_TRUE(may_cut());
+}
+
+TEST_F(OperationsTest, TheWaitForOperationsEndsWithTheLastOne) {
+  ASSERT_TRUE(plexa::_enter_operation(0));
+  ASSERT_TRUE(plexa::_enter_operation(0));
+  std::atomic<bool> is_over{false};
+  std::thread thread([&] {
+    plexa::_wait_for_operations(0, 60000);
+    is_over = true;
+  });
+  plexa::_leave_operation(0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(is_over);
+  plexa::_leave_operation(0);
+  thread.join();
+}
+
+TEST_F(OperationsTest, TheWaitForOperationsEndsWithItsTime) {
+  ASSERT_TRUE(plexa::_enter_operation(0));
+  plexa::_wait_for_operations(0, 1);
+  plexa::_wait_for_operations(0, 999);
+  EXPECT_EQ(running(), 1);
+  plexa::_leave_operation(0);
+  plexa::_wait_for_operations(0, 60000);
+}
+
+TEST_F(OperationsTest, ListedHandlesAreFoundByTheirPlace) {
+  for (GstPvrFile *const file : {a_, b_}) add("/rec.kvf", kReader, kListed, file);
+  EXPECT_EQ(plexa::_listed_handle(0, 0), a_);
+  EXPECT_EQ(plexa::_listed_handle(0, 1), b_);
+  EXPECT_EQ(plexa::_listed_handle(0, 2), nullptr);
+  EXPECT_EQ(plexa::_listed_handle(1, 0), nullptr);
+  gst_shared_info_remove(table_);
+  EXPECT_EQ(plexa::_listed_handle(0, 0), nullptr);
+}
+
+TEST_F(OperationsTest, WhatAFileHasLostIsKnownUntilItIsEmptiedOrClosedByAll) {
+  add("/a.kvf", kWriter);
+  add("/b.kvf", kWriter);
+  plexa::_add_bytes_cut_off(0, gint64{3} << 32);
+  plexa::_add_bytes_cut_off(0, 5);
+  plexa::_add_bytes_cut_off(1, 7);
+  EXPECT_EQ(plexa::_bytes_cut_off(0), (gint64{3} << 32) + 5);
+  plexa::_forget_bytes_cut_off(0);
+  EXPECT_EQ(plexa::_bytes_cut_off(0), 0);
+  EXPECT_EQ(plexa::_bytes_cut_off(1), 7);
+  remove(1, kWriter);
+  EXPECT_EQ(plexa::_bytes_cut_off(1), 0);
+  plexa::_add_bytes_cut_off(2, 9);
+  gst_shared_info_remove(table_);
+  EXPECT_EQ(plexa::_bytes_cut_off(2), 0);
+}
+
+TEST_F(OperationsTest, EveryCallWithAKeyRefusesOneAbove3) {
+  const std::vector<std::function<void(guint32)>> calls = {
+      [](guint32 key) { EXPECT_TRUE(plexa::_enter_operation(key)); },
+      [](guint32 key) { plexa::_leave_operation(key); },
+      [this](guint32 key) { plexa::_leave_and_delete_item(key, true, a_); },
+      [this](guint32 key) { EXPECT_FALSE(plexa::_claim_cut(key, this)); },
+      [this](guint32 key) { plexa::_give_back_cut(key, this); },
+      [](guint32 key) { EXPECT_EQ(plexa::_begin_cut(key), CutStart::kNoRegistry); },
+      [](guint32 key) { plexa::_end_cut(key); },
+      [](guint32 key) { plexa::_wait_for_operations(key, 60000); },
+      [](guint32 key) { EXPECT_EQ(plexa::_listed_handle(key, 0), nullptr); },
+      [](guint32 key) { EXPECT_EQ(plexa::_bytes_cut_off(key), 0); },
+      [](guint32 key) { plexa::_add_bytes_cut_off(key, 1); },
+      [](guint32 key) { plexa::_forget_bytes_cut_off(key); }};
+  for (size_t i = 0; i < calls.size(); ++i) {
+    LogCapture::clear();
+    calls[i](4);
+    calls[i](kNoKey);
+    EXPECT_THAT(LogCapture::messages(kError),
+                ElementsAre("[EXT_FMG] [PLG_ERR] out of range. key=[4]",
+                            "[EXT_FMG] [PLG_ERR] out of range. key=[-1]"))
+        << "call " << i;
+  }
+}
+
+// The word stands for the handles: a cut changes it, operations look at it, and neither has a lock
+// of its own.
+TEST_F(OperationsTest, OperationsAndCutsExcludeEachOther) {
+  constexpr int kRounds = 300;
+  int handles = 0;
+  std::atomic<int> torn{0};
+  std::atomic<int> cuts{0};
+  run_together(4, [&](int number) {
+    int owner = 0;
+    for (int i = 0; i < kRounds; ++i) {
+      if (number != 0) {
+        if (!plexa::_enter_operation(0)) continue;
+        if (handles % 2 != 0) ++torn;
+        plexa::_leave_operation(0);
+      } else if (plexa::_claim_cut(0, &owner)) {
+        if (i % 2 == 0) mark(false);  // as error processing does
+        while (plexa::_begin_cut(0) != CutStart::kStarted) plexa::_wait_for_operations(0, 20);
+        ++handles;
+        std::this_thread::yield();
+        ++handles;
+        plexa::_end_cut(0);
+        plexa::_give_back_cut(0, &owner);
+        ++cuts;
+      }
+    }
+  });
+  EXPECT_EQ(torn, 0);
+  EXPECT_EQ(cuts, kRounds);
+  EXPECT_EQ(handles, 2 * kRounds);
 }
 
 // --- what was cut off
