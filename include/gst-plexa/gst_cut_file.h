@@ -73,7 +73,7 @@ GST_PLEXA_API gint64 gst_cut_file_fsync(GstPvrFile *file);
 /**
  * Set the span: keep cutbuf_starttime milliseconds, cut for the first time at max_time.
  *
- * @return 1; -1 for a reader and for an argument of 0 (or above 2^31); GST_CUT_FILE_BUSY.
+ * @return 1; -1 for a reader and for an argument of 0, or of 2^31 or more; GST_CUT_FILE_BUSY.
  */
 GST_PLEXA_API gint64 gst_cut_file_set_max_time(GstPvrFile *file, guint32 cutbuf_starttime,
                                                guint32 max_time);

@@ -85,7 +85,7 @@ GST_PLEXA_API gint64 gst_file_socket_io_close(GstFileSocketIo *socket_io);
  *
  * @param buffer  Room for @p size bytes; partly written when the read fails.
  * @param size    Bytes wanted. 0: the request is sent and 0 returned without waiting for the
- * answer, which the next operation then takes for its own.
+ *                answer, which the next operation then takes for its own.
  * @return Bytes read, fewer than wanted when the file ends; -1.
  */
 GST_PLEXA_API gint64 gst_file_socket_io_read(GstFileSocketIo *socket_io, void *buffer,

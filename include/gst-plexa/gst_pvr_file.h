@@ -39,7 +39,8 @@ typedef struct _GstPvrFile GstPvrFile;
  * set_last_wrote_time. A negative result is a failure and reaches the caller unchanged; the errno
  * of a failed system call is then in the handle's error number.
  *
- * open    0 or more on success. A close may follow a failed open and then has nothing to release.
+ * open    0 or more on success. A close may follow a failed open; a socket file's has a socket to
+ *         release when the connect failed, the others' have nothing.
  * close   0 or more on success. Releases everything, also when it fails.
  * read    Bytes read, 0 at the end of the file. Fewer than asked for is not an error.
  * write   Bytes written, with direct I/O including padding.
@@ -177,7 +178,8 @@ GST_PLEXA_API gint64 gst_pvr_file_open(GstPvrFile *file, const gchar *path, guin
  * Close the file; what was written is flushed to storage first. The lock is kept.
  *
  * @return 0 or more on success; -1 for a null handle, one without a lock, one never opened, or when
- *         the close failed (closing twice does). The handle counts as closed in any case.
+ *         the close failed (closing twice does on the local disk). The handle counts as closed in
+ *         any case.
  *
  * Blocks on storage. Safe from any thread.
  */
@@ -231,7 +233,7 @@ GST_PLEXA_API gint64 gst_pvr_file_size(GstPvrFile *file);
 /**
  * Wait until what was written is on storage. An fsync over 50 ms is logged.
  *
- * @return 0.
+ * @return 0; 1 on the companion box.
  */
 GST_PLEXA_API gint64 gst_pvr_file_fsync(GstPvrFile *file);
 

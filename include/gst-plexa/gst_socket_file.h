@@ -2,9 +2,9 @@
  *
  * The operations that gst_pvr_file_open() puts into the handle's table; callers use gst_pvr_file.h.
  * Each takes an initialised handle, is one exchange with the box (gst_file_socket_io.h) and blocks
- * for as long as the box does. All but set_last_wrote_time, rename and cut_file are called under
- * the handle's lock. -1 is a failure; when a system call failed, its errno is in the handle's error
- * number.
+ * for as long as the box does. All are called under the handle's lock, except set_last_wrote_time,
+ * which takes it, and rename and cut_file, which do not need it. Unless stated otherwise, -1 is a
+ * failure; when a system call failed, its errno is in the handle's error number.
  */
 #ifndef GST_SOCKET_FILE_H
 #define GST_SOCKET_FILE_H
@@ -17,7 +17,8 @@ G_BEGIN_DECLS
  * Connect to the box and open the file there. Time-shift or normal, index or stream: as the
  * handle's file type and record type say.
  *
- * @param file         Handle that holds no connection: one that does is closed first.
+ * @param file         Handle that holds no connection; gst_pvr_file_open() has dropped one that it
+ *                     held. Whatever stands in its state is overwritten.
  * @param path         Sent cut to 255 characters; not copied, must live until close, also after a
  *                     failed open.
  * @param read_mode    1 reader, 0 writer; for the box.

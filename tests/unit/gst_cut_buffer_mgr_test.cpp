@@ -594,6 +594,20 @@ TEST_F(DoCutTest, NeverCutsOffMoreThanTheFileStillHasBeforeThePoint) {
   plexa::_forget_bytes_cut_off(0);
 }
 
+// An offset of -2^63, less what has been cut off.
+TEST_F(DoCutTest, AnOffsetThatOnlyADamagedIndexCanHoldDoesNotWrapIntoOneThatCanBeCutAt) {
+  pvr_gop_info_s gop{};
+  gop.packet_count = guint64{1} << 61;
+  gop.next_gop_first_time = 100000;
+  gop.next_gop_first_packet_count = gop.packet_count + 1;
+  IndexBuilder().gop_start(GST_INDEX_BASE_TABLE_SIZE).gop(gop).write(index_path_);
+  given_span();
+  given_total_cut(kUnit);
+  mgr_.current_time = 5000;
+  EXPECT_TRUE(gst_cut_mgr_do_cut(&mgr_));
+  EXPECT_EQ(param().cut_offset, G_MININT64);
+}
+
 TEST_F(DoCutTest, IsNotStartedForATimeThatTheIndexDoesNotKnow) {
   given_span();
   mgr_.current_time = 5000;

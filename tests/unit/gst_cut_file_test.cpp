@@ -1089,6 +1089,35 @@ TEST_F(CutFileTest, AWriterWithoutASpanIsNotCutOnAnothersAccount) {
   EXPECT_NE(another.state().descriptor, -1);
 }
 
+TEST_F(CutFileTest, AWriterWhoseCuttingIsOffIsNotSwitchedOnByAnothersCut) {
+  given_a_recording();
+  CutHandle another;
+  ASSERT_EQ(another.open(rec_, kWrites, 0, 0, 1), 1);
+  ASSERT_EQ(gst_cut_file_set_max_time(another.get(), 2000, 5000), 1);
+  gst_cut_mgr_error_process(another.mgr());
+  cut();
+  EXPECT_EQ(another.mgr()->max_time, 0);
+  EXPECT_NE(another.state().descriptor, -1);
+}
+
+// Each refused writer costs a count, so that the slot is given up under the last one. What is not
+// listed is not moved by a cut, so there must be none.
+TEST_F(CutFileTest, AWriterThatHasLostItsPlaceInTheListDoesNotCut) {
+  given_a_recording();
+  {
+    std::deque<CutHandle> others(2);
+    for (CutHandle &other : others) ASSERT_EQ(other.open(rec_, kWrites, 0, 0, 1), 1);
+    CutHandle refused;
+    ASSERT_EQ(refused.open(rec_, kWrites, 0, 0, 1), -1);
+  }
+  ASSERT_EQ(item().handle_list, nullptr);
+  EXPECT_EQ(write_unit(writer_, 5000), kUnit);
+  EXPECT_EQ(write_unit(writer_, 6000), kUnit);
+  EXPECT_FALSE(is_cutting());
+  EXPECT_THAT(removals(), IsEmpty());
+  EXPECT_EQ(read_file(rec_), bytes_at(0, 8 * kUnit));
+}
+
 TEST_F(CutFileTest, ReadersNeverSeeAWrongByteWhileTheWriterCuts) {
   constexpr int kReaders = 3;
   constexpr int kUnits = 40;

@@ -400,6 +400,14 @@ TEST_F(PassTest, TwentyPassesOfWaitingDoNotCostTheNextCut) {
   EXPECT_EQ(cut_point(), 8000);
 }
 
+TEST_F(PassTest, ACutOfAWriterThatWasSwitchedOffMeanwhileIsItsLast) {
+  gst_cut_mgr_error_process(writer_.mgr());
+  pass();
+  EXPECT_EQ(removals().size(), 1u);
+  EXPECT_EQ(total_cut(), 3 * kUnit);
+  EXPECT_EQ(cut_point(), 0);
+}
+
 TEST_F(PassTest, WithoutARegistryStopsAndTouchesNothing) {
   writer_.state().key = near_.state().key = far_.state().key = -1;  // they are forgotten, too
   gst_shared_info_remove(gst_shared_info_get());

@@ -4,7 +4,11 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -40,7 +44,7 @@ std::string with_command(std::string message, gint32 command) {
 
 class SocketIoTest : public ::testing::Test {
  protected:
-  SocketIoTest() : descriptors_(open_descriptors()) {
+  SocketIoTest() {
     gst_file_socket_io_init(&state_);
     gst_shared_info_remove(gst_shared_info_get());
     gst_shared_cut_info_remove();
@@ -64,7 +68,6 @@ class SocketIoTest : public ::testing::Test {
   bool connected() const { return state_.clnt_sock != -1; }
 
   BoxServer box_;
-  int descriptors_;
   GstFileSocketIo state_;
 };
 
@@ -100,10 +103,27 @@ TEST_F(SocketIoTest, OpenConnectsAndSendsOpen) {
   EXPECT_THAT(LogCapture::messages(kError), IsEmpty());
 }
 
+// Even where sockets begin their life without blocking.
 TEST_F(SocketIoTest, TheSocketIsBlockingAndIsNotInherited) {
-  given_an_open_file();
+  {
+    Faults faults;
+    faults.watch("fcntl", [](int fd, const char *, long long command) {
+      int on = 1;
+      if (command == F_GETFL) ioctl(fd, FIONBIO, &on);
+    });
+    EXPECT_EQ(open(), 1);
+    EXPECT_THAT(faults.calls(), ElementsAre("socket", "fcntl", "fcntl", "connect", "send", "recv"));
+  }
   EXPECT_EQ(fcntl(state_.clnt_sock, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_EQ(fcntl(state_.clnt_sock, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(SocketIoTest, TheLastPacketOfAWriteDoesNotWaitForTheAcknowledgementOfTheOthers) {
+  given_an_open_file();
+  int no_delay = 0;
+  socklen_t size = sizeof no_delay;
+  EXPECT_EQ(getsockopt(state_.clnt_sock, IPPROTO_TCP, TCP_NODELAY, &no_delay, &size), 0);
+  EXPECT_NE(no_delay, 0);
 }
 
 TEST_F(SocketIoTest, OpenGoesToTheBoxsAddressAndPort) {
@@ -147,6 +167,17 @@ TEST_F(SocketIoTest, AFailedConnectLeavesTheSocketForClose) {
   EXPECT_FALSE(latched());
 }
 
+TEST_F(SocketIoTest, AFailedConnectDoesNotClearTheLatch) {
+  state_.t_bSockErrOccurred = 1;
+  Faults faults;
+  faults.fail("connect", ECONNREFUSED);
+  EXPECT_EQ(open(), -1);
+  EXPECT_TRUE(latched());
+  EXPECT_EQ(gst_file_socket_io_close(&state_), 1);
+  EXPECT_EQ(faults.count("send"), 0);
+  EXPECT_FALSE(connected());
+}
+
 TEST_F(SocketIoTest, CloseAfterAFailedConnectStillTriesCloseAndReleasesTheSocket) {
   {
     Faults faults;
@@ -182,6 +213,24 @@ TEST_F(SocketIoTest, CloseWithoutThePacketBufferStillSendsClose) {
   }
   EXPECT_EQ(gst_file_socket_io_close(&state_), 1);
   EXPECT_THAT(box_.requests(), ElementsAre(Wire().header(28, 11).bytes()));
+  EXPECT_FALSE(connected());
+}
+
+// There is no room for it, and none is written behind what there is.
+TEST_F(SocketIoTest, CloseWithoutThePacketBufferRefusesALargeAnswer) {
+  {
+    Faults faults;
+    faults.fail("valloc", ENOMEM);
+    EXPECT_EQ(open(), -1);
+  }
+  LogCapture::clear();
+  box_.will_answer({joined({bytes_of(answer_header(1, 0, 1025)), BoxBytes(997, 0xEE)})});
+  EXPECT_EQ(gst_file_socket_io_close(&state_), -1);
+  EXPECT_THAT(
+      LogCapture::messages(kError),
+      ElementsAre(
+          error_line("[ZEB::Client] packet too large! packet_size=[1025], buffer size=[1024]"),
+          error_line("[ZEB::Client] Receive packet error ! filePath=[/rec/a.kvf], command=[1]")));
   EXPECT_FALSE(connected());
 }
 

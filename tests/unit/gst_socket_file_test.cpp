@@ -2,9 +2,11 @@
 // with it while a box is in use.
 #include "gst-plexa/gst_socket_file.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -22,9 +24,17 @@
 
 namespace {
 gint32 box_connected = 0;
-}
+std::atomic<int> cleared_locks = 0;
+}  // namespace
 
 gint32 gst_zeb_is_connected(void) { return box_connected; }
+
+// Counts the locks that are given back, and passes them on to GLib.
+__attribute__((visibility("default"))) void g_mutex_clear(GMutex *lock) {
+  static const auto clear = reinterpret_cast<void (*)(GMutex *)>(dlsym(RTLD_NEXT, "g_mutex_clear"));
+  ++cleared_locks;
+  clear(lock);
+}
 
 namespace plexa_test {
 namespace {
@@ -141,6 +151,14 @@ TEST_F(SocketFileTest, AFailedCloseLeavesItsErrnoInTheHandle) {
   faults.fail("send", EPIPE);
   EXPECT_EQ(gst_socket_file_close(&file_), -1);
   EXPECT_EQ(file_.var.error_number, EPIPE);
+}
+
+TEST_F(SocketFileTest, ARefusedCloseHasNoErrno) {
+  given_an_open_file();
+  box_.will_answer(refused());
+  errno = EPIPE;
+  EXPECT_EQ(gst_socket_file_close(&file_), -1);
+  EXPECT_EQ(file_.var.error_number, kUntouched);
 }
 
 // ---- The operations ----
@@ -420,7 +438,6 @@ TEST_F(SocketFileTest, ARefusedCutIsReported) {
 
 class FrontTest : public SocketFileTest {
  protected:
-  // A handle of the caller's, as it comes from the stack.
   void SetUp() override { descriptors_ = open_descriptors(); }
 
   gint64 front_open(guint32 permission = GST_PVR_FILE_READ, guint32 io = 0, guint32 type = 0) {
@@ -466,7 +483,7 @@ TEST_F(FrontTest, TheLastWroteTimeReachesTheBox) {
   EXPECT_EQ(gst_pvr_file_close(&file_), 1);
 }
 
-// The answers tell which request they belong to; a mixed-up exchange would give another's.
+// Both make their request in the one packet buffer: at once, one of them would be lost or garbled.
 TEST_F(FrontTest, TheLastWroteTimeDoesNotInterleaveWithAnotherOperation) {
   constexpr int kRounds = 200;
   ASSERT_EQ(front_open(GST_PVR_FILE_WRITE, GST_PVR_FILE_DIRECT_IO, GST_PVR_FILE_TIMESHIFT), 1);
@@ -626,6 +643,15 @@ TEST_F(FrontTest, AFailedCutFileGivesItsNumber) {
   box_.will_answer(refused(-1));
   EXPECT_EQ(gst_pvr_file_cut_file("/rec/a.kvf", 0, 1, nullptr), kCutFailed);
   EXPECT_EQ(LogCapture::messages(kError).back(), error_line("gst_socket_file_cut_file failed"));
+}
+
+TEST_F(FrontTest, CutFilesOwnHandleIsDeinitialisedAfterASuccessOnly) {
+  cleared_locks = 0;
+  EXPECT_EQ(gst_pvr_file_cut_file("/rec/a.kvf", 0, 1, nullptr), 0);
+  EXPECT_EQ(cleared_locks, 1);
+  box_.will_answer(refused(-1));
+  EXPECT_EQ(gst_pvr_file_cut_file("/rec/a.kvf", 0, 1, nullptr), kCutFailed);
+  EXPECT_EQ(cleared_locks, 1);
 }
 
 TEST_F(FrontTest, ACutFileWithoutAConnectionLeavesNoDescriptor) {
