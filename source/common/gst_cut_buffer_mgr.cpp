@@ -163,7 +163,8 @@ void _fill_cut_param(GstCutBufferMgr *mgr, gint64 offset) {
   param->retry_count = 0;
   param->cutbuf_starttime = mgr->cutbuf_starttime;
   param->max_time = _cut_point(mgr);
-  param->cut_offset = offset - cut_off;
+  // A damaged index can hold any offset.
+  if (__builtin_sub_overflow(offset, cut_off, &param->cut_offset)) param->cut_offset = G_MININT64;
   param->removed_bytes = 0;
   param->cut_buffer_mgr = mgr;
 }
@@ -175,10 +176,11 @@ void _let_go_of_cut_param(GstCutBufferMgr *mgr) {
   mgr->cut_param = nullptr;
   g_mutex_lock(&param->link_lock);
   param->cut_buffer_mgr = nullptr;
+  GstTask *const task = param->task;
   g_mutex_unlock(&param->link_lock);
   plexa::_give_back_cut(mgr->key, param);
-  if (param->task != nullptr) {
-    gst_object_unref(param->task);
+  if (task != nullptr) {
+    gst_object_unref(task);
   } else {
     plexa::_free_cut_param(param);
   }

@@ -88,7 +88,7 @@ void _forget_path(GstCutFile *cut) {
   cut->own_path = nullptr;
 }
 
-// The writers that are open keep what is known of the cuts, so the manager goes without a word.
+// The writers that are open keep what is known of the cuts: the shared record stays.
 void _undo_open(GstPvrFile *file) {
   GstCutFile *const cut = state_of(file);
   if (cut->cut_buffer_mgr != nullptr) plexa::_release_cut_mgr(cut->cut_buffer_mgr);
@@ -166,14 +166,17 @@ gint64 _write(GstPvrFile *file, const void *buffer, gint64 size) {
 }
 
 // Takes the recorded time. True: the cut point is reached, nothing else may start from now on, and
-// the caller must start the cut. Of several writers one gets to do it.
-bool _is_cut_due(GstCutFile *cut) {
+// the caller must start the cut. Of several writers one gets to do it. A writer whose slot was
+// given up under it has no cuts any more: they would move other handles than its own.
+bool _is_cut_due(GstPvrFile *file) {
+  GstCutFile *const cut = state_of(file);
   GstCutBufferMgr *const mgr = cut->cut_buffer_mgr;
   if (mgr == nullptr) return false;
   const guint32 time = __atomic_load_n(&cut->last_wrote_time, __ATOMIC_RELAXED);
   gst_cut_mgr_update_time(mgr, static_cast<gint32>(time));
   if (!gst_cut_mgr_is_max_time(mgr)) return false;
   if (g_atomic_int_get(&mgr->cut_param->is_busy) != plexa::kTaskIdle) return false;
+  if (!plexa::_is_listed(_key_of(cut), file)) return false;
   if (!plexa::_claim_cut(_key_of(cut), mgr->cut_param)) return false;
   PLX_INFO("last_wrote_time = [%u], gst_cut_mgr_is_max_time is TRUE", time);
   return true;
@@ -238,7 +241,7 @@ gint64 gst_cut_file_write(GstPvrFile *file, const void *buffer, gint64 size) {
   GstCutFile *const cut = state_of(file);
   const Operation operation(_key_of(cut));
   if (!operation) return GST_CUT_FILE_BUSY;
-  const bool is_cut_due = _is_cut_due(cut);
+  const bool is_cut_due = _is_cut_due(file);
   const gint64 result = _write(file, buffer, size);
   if (result < 1) {
     PLX_ERROR("[PLG_ERR] gst_cut_file_write failed,ret<1");

@@ -67,7 +67,7 @@ void _stop(GstCutParam *param) {
 
 // The writer's new opening sets its next cut point; what was switched off before must stay off.
 void _run_steps(GstCutParam *param) {
-  bool stays_on = param->retry_count <= kPatientPasses;
+  bool stays_on = gst_cut_mgr_get_max_time(param->cut_buffer_mgr) != FALSE;
   for (const auto step : {plexa::_gst_cut_thread_close_all, plexa::_gst_cut_thread_cut,
                           plexa::_gst_cut_thread_open_all, plexa::_gst_cut_thread_seek_all}) {
     if (step(param)) continue;
@@ -77,10 +77,11 @@ void _run_steps(GstCutParam *param) {
   if (!stays_on) _switch_cutting_off(param);
 }
 
-// Another writer that has not set a span has no cuts, and none begin because of this one's.
+// Another writer that has no cuts (no span was set, or they were switched off) gets none because of
+// this one's.
 gint64 _open_again(const GstCutParam *param, GstPvrFile *file, gint32 next_max_time) {
-  const GstCutBufferMgr *const mgr = file->var.state.cut.cut_buffer_mgr;
-  if (mgr != nullptr && mgr != param->cut_buffer_mgr && mgr->fixed_duration == 0) {
+  GstCutBufferMgr *const mgr = file->var.state.cut.cut_buffer_mgr;
+  if (mgr != nullptr && mgr != param->cut_buffer_mgr && !gst_cut_mgr_get_max_time(mgr)) {
     return plexa::_reopen(file);
   }
   return gst_cut_file_io_open(file, param->max_time, next_max_time);

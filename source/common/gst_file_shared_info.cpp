@@ -383,6 +383,17 @@ GstPvrFile *_listed_handle(guint32 key, gint32 index) noexcept {
   return static_cast<GstPvrFile *>(gst_vector_index(list, index));
 }
 
+bool _is_listed(guint32 key, const GstPvrFile *handle) noexcept {
+  REFUSE_BAD_KEY(key, false);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  const GstSharedInfo *const table = g_lib_shared_info.registry;
+  GPtrArray *const list = table != nullptr ? table->items[key].handle_list : nullptr;
+  for (gint32 i = 0; i < gst_vector_size(list); ++i) {
+    if (gst_vector_index(list, i) == handle) return true;
+  }
+  return false;
+}
+
 gint64 _bytes_cut_off(guint32 key) noexcept {
   REFUSE_BAD_KEY(key, 0);
   const MutexHold hold(g_lib_shared_info.registry_mutex);

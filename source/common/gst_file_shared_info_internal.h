@@ -62,6 +62,9 @@ void _wait_for_operations(guint32 key, int milliseconds) noexcept;
 // The handle at a place of the recording's list, in opening order; null behind its end. The list
 // stands still while a cut is at work.
 GstPvrFile *_listed_handle(guint32 key, gint32 index) noexcept;
+// A refused open costs the recording a count, so its slot, and the list with it, can be given up
+// while a handle is still open.
+bool _is_listed(guint32 key, const GstPvrFile *handle) noexcept;
 
 // Bytes cut off this recording's file since its slot was taken or a writer emptied it. Unlike the
 // shared record it belongs to one recording and does not die with one of several writers.
