@@ -121,7 +121,7 @@ Outcome Recording::run(const std::string &stream_path) {
 
 std::string Recording::check_options() const {
   if (!options_.timeshift) return "";
-  if (is_box_in_use()) return "a time-shift recording cannot be made on the companion box";
+  // On a companion box as well: it makes the cuts itself.
   if (options_.layout != Layout::kCurrent) {
     return "a time-shift recording has the current index layout";
   }

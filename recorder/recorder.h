@@ -50,8 +50,8 @@ class TimeshiftObserver {
   virtual void ended() = 0;
 };
 
-// A time-shift recording, on the local disk. Only one at a time in a process: the library keeps one
-// record of what has been cut off.
+// A time-shift recording. Only one at a time in a process: the library keeps one record of what has
+// been cut off. On a companion box the cuts are the box's own, and no reserve is kept.
 struct Timeshift {
   int64_t max_time_ms = 0;                // 6 to 91 minutes; the library cuts a minute before
   uint64_t reserve = uint64_t{64} << 20;  // bytes of the disk that stay free

@@ -87,7 +87,7 @@ bool TimeshiftFile::shorten(int32_t span, uint32_t time) {
   if (is_box_in_use()) return false;  // the box's manager is out of reach
   GstCutBufferMgr *const cuts = manager();
   if (cuts == nullptr || time <= kPeriod || time > INT32_MAX) return false;
-  wait_for_cut();
+  if (!wait_for_cut()) return false;  // the manager is the cut's own until it ends
   const auto now = static_cast<gint32>(time);
   return gst_cut_mgr_set_max_time(cuts, span, span, GST_CUT_MGR_CHANGE_SPAN) != FALSE &&
          gst_cut_mgr_set_max_time(cuts, now - kPeriod, now, GST_CUT_MGR_AFTER_CUT) != FALSE;
@@ -109,13 +109,16 @@ bool TimeshiftFile::is_cutting(gint32 key) const {
   }
   const GstCutBufferMgr *const cuts = manager();
   if (cuts == nullptr || cuts->cut_param == nullptr) return false;
-  return g_atomic_int_get(&cuts->cut_param->is_busy) != 0;
+  return g_atomic_int_get(&cuts->cut_param->is_busy) > 0;  // below 0 it got no thread
 }
 
-void TimeshiftFile::wait_for_cut() const {
+bool TimeshiftFile::wait_for_cut() const {
   const gint32 key = gst_shared_info_pre_add_item(gst_shared_info_get(), handle_->path.c_str());
-  if (key < 0) return;
-  for (int polls = 0; polls < kMostPolls && is_cutting(key); ++polls) usleep(kPoll);
+  for (int polls = 0; key >= 0 && is_cutting(key); ++polls) {
+    if (polls == kMostPolls) return false;
+    usleep(kPoll);
+  }
+  return true;
 }
 
 bool TimeshiftFile::close() {

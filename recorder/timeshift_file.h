@@ -36,8 +36,8 @@ class TimeshiftFile {
   // Keeps `span` milliseconds from now on and has the next write cut off what is older. Between
   // writes only. False: this is not possible.
   bool shorten(int32_t span, uint32_t time);
-  // Waits for a cut that is going on, but not for ever.
-  void wait_for_cut() const;
+  // Waits for a cut that is going on, but not for ever. False: it is still going on.
+  bool wait_for_cut() const;
   // When a cut hangs for too long the handle is left to it, open.
   bool close();
 

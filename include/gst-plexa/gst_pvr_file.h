@@ -41,7 +41,8 @@ typedef struct _GstPvrFile GstPvrFile;
  *
  * open    0 or more on success. A close may follow a failed open; a socket file's has a socket to
  *         release when the connect failed, the others' have nothing.
- * close   0 or more on success. Releases everything, also when it fails.
+ * close   0 or more on success. Releases everything, also when it fails; but nothing when a cut
+ *         file gives -3, since the cut that it met still works on the handle.
  * read    Bytes read, 0 at the end of the file. Fewer than asked for is not an error.
  * write   Bytes written, with direct I/O including padding.
  * seek    The new position. whence is 0 from the start, 1 from the position, 2 from the end.
@@ -49,7 +50,7 @@ typedef struct _GstPvrFile GstPvrFile;
  * fsync   0 or more on success.
  * size    The file's size.
  * set_max_time         The back-end's own result; -1 when it has no maximum time.
- * get_max_time         The maximum time, negative when there is none.
+ * get_max_time         The length of time that is kept, negative when there is none.
  * set_last_wrote_time  The result is ignored. Guards what it stores by itself.
  */
 typedef struct _PvrFileOps {
@@ -165,7 +166,8 @@ GST_PLEXA_API void gst_pvr_file_deinit(GstPvrFile *file);
  *                     written at its end, an index (a path that ends in ".mdb") from its start.
  * @param atsc3        0 normal broadcast, non-zero ATSC 3.0.
  * @return 0 or more on success; -1 without a lock or a path, when the registry refuses the file, or
- *         when it cannot be opened (see gst_pvr_file_get_error_num()).
+ *         when it cannot be opened (see gst_pvr_file_get_error_num()); -3 for a live time-shift
+ *         stream that has been in the middle of a cut for 2 seconds.
  *
  * Writing and O_NOATIME: only the owner of an existing file (or root) may open it for writing.
  * Blocks on storage. Safe from any thread.
@@ -179,7 +181,8 @@ GST_PLEXA_API gint64 gst_pvr_file_open(GstPvrFile *file, const gchar *path, guin
  *
  * @return 0 or more on success; -1 for a null handle, one without a lock, one never opened, or when
  *         the close failed (closing twice does on the local disk). The handle counts as closed in
- *         any case.
+ *         any case but one: -3, from a live time-shift stream that has been in the middle of a cut
+ *         for 2 seconds. The cut still works on the handle then; close it again before freeing it.
  *
  * Blocks on storage. Safe from any thread.
  */
@@ -190,6 +193,10 @@ GST_PLEXA_API gint64 gst_pvr_file_close(GstPvrFile *file);
  * All give -1 for a null handle, one without a lock, or one never opened, and the back-end's
  * negative result (the cause: gst_pvr_file_get_error_num()) when it fails. All block on storage and
  * are safe from any thread.
+ *
+ * Of a live time-shift stream the front may be cut off at any time. Its positions and sizes count
+ * from the recording's first byte all the same, and an operation that has waited 2 seconds for a
+ * cut gives -3: nothing has happened, and it may be tried again. See gst_cut_file.h.
  */
 
 /**
@@ -233,7 +240,7 @@ GST_PLEXA_API gint64 gst_pvr_file_size(GstPvrFile *file);
 /**
  * Wait until what was written is on storage. An fsync over 50 ms is logged.
  *
- * @return 0; 1 on the companion box.
+ * @return 0; 1 on the companion box; -1, always, for a live time-shift stream.
  */
 GST_PLEXA_API gint64 gst_pvr_file_fsync(GstPvrFile *file);
 
@@ -282,14 +289,19 @@ GST_PLEXA_API gint32 gst_pvr_file_cut_file(const gchar *kvf_file_name, gint64 st
  * Set the span of time that a time-shift recording keeps.
  *
  * @param max_time  Milliseconds; becomes the two times of gst_pvr_file_get_calculated_max_time().
- * @return The back-end's result; -1 when it has no maximum time (a normal file), for a null handle,
- *         one without a lock, or one never opened.
+ * @return The back-end's result, 1 from the writer of a live time-shift stream; -1 when it has no
+ *         maximum time (a normal file, a reader), for a maximum that stands for no cutting, for a
+ *         null handle, one without a lock, or one never opened.
  *
  * Safe from any thread.
  */
 GST_PLEXA_API gint64 gst_pvr_file_set_max_time(GstPvrFile *file, gint64 max_time);
 
-/** @return The maximum time in milliseconds; -1 where gst_pvr_file_set_max_time() gives -1. */
+/**
+ * @return Milliseconds that the process's time-shift recording keeps (a minute less than the
+ *         maximum that was set), also from a reader; 0 when none is set. -1 for a normal file, a
+ *         null handle, one without a lock, or one never opened.
+ */
 GST_PLEXA_API gint64 gst_pvr_file_get_max_time(GstPvrFile *file);
 
 /**

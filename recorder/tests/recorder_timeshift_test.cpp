@@ -1,5 +1,6 @@
 // What a time-shift recording is: whole units, told times, cuts, and what a full disk, a cut that
 // hangs and a failing one do to it.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 #include <set>
 
 #include "fake_platform.h"
+#include "faults.h"
 #include "gst-plexa/gst_file_shared_info.h"
 #include "gst-plexa/gst_zeb.h"
 #include "library_state.h"
@@ -30,6 +32,7 @@ struct Hooks {
   std::function<std::optional<gint64>(GstPvrFile *file)> close;
   std::function<std::optional<uint64_t>()> free_space;
   bool is_box_connected = false;
+  bool no_thread = false;  // for the library's task
 };
 Hooks hooks;
 
@@ -40,6 +43,12 @@ using plexa_test::hooks;
 
 // In place of the library's own: is a companion box connected?
 gint32 gst_zeb_is_connected(void) { return hooks.is_box_connected ? 1 : 0; }
+
+gboolean gst_task_start(GstTask *task) {
+  static const auto own =
+      reinterpret_cast<gboolean (*)(GstTask *)>(dlsym(RTLD_NEXT, "gst_task_start"));
+  return hooks.no_thread ? FALSE : own(task);
+}
 
 extern "C" {
 
@@ -91,6 +100,7 @@ namespace {
 
 using plexa::rec::Pace;
 using plexa::rec::Timeshift;
+using plexa::rec::TimeshiftFile;
 using plexa::rec::TimeshiftObserver;
 using plexa::rec::TimeshiftWriter;
 using ::testing::ElementsAre;
@@ -403,16 +413,6 @@ TEST_F(TimeshiftTest, ABufferBelowSixMinutesOrInTheLegacyLayoutIsRefused) {
   EXPECT_THAT(files(), IsEmpty());
 }
 
-TEST_F(TimeshiftTest, ARecordingOnTheCompanionBoxIsRefused) {
-  hooks.is_box_connected = true;
-  fake_platform().tv_year = "2013";
-  const Outcome outcome = shift(minutes(1));
-  hooks.is_box_connected = false;
-  fake_platform().tv_year.reset();
-  EXPECT_THAT(outcome.error, HasSubstr("companion box"));
-  EXPECT_THAT(files(), IsEmpty());
-}
-
 TEST_F(TimeshiftTest, ALibraryThatTakesNoSpanLeavesNothing) {
   hooks.set_max_time = [] { return std::optional<gint64>(-1); };
   const Outcome outcome = shift(minutes(1));
@@ -492,6 +492,39 @@ TEST_F(TimeshiftTest, WhenTheFrontCannotBeCutOffTheRecordingGoesOn) {
   EXPECT_EQ(outcome.summary.duration_ms, duration(9));
   expect_sound(outcome);
   EXPECT_TRUE(is_usable(stream()));
+}
+
+TEST_F(TimeshiftTest, ACutThatGotNoThreadIsNotWaitedFor) {
+  hooks.no_thread = true;
+  Faults faults;
+  faults.all_threads();
+  faults.answer("usleep", 0);
+  const Outcome outcome = shift(minutes(9));
+  ASSERT_TRUE(outcome.ok) << outcome.error;
+  EXPECT_EQ(faults.count("usleep"), 0);
+  EXPECT_EQ(truncations_, 0);
+  EXPECT_EQ(outcome.summary.removed, 0u);
+  EXPECT_EQ(outcome.summary.duration_ms, duration(9));
+}
+
+TEST_F(TimeshiftTest, WhileACutHangsTheSpanIsLeftAlone) {
+  TimeshiftFile file;
+  ASSERT_TRUE(file.open(stream()));
+  ASSERT_TRUE(file.set_max_time(kSixMinutes));
+  const auto span = [] {
+    return gst_shared_cut_info_get_fixed_duration(gst_shared_cut_info_get());
+  };
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, TRUE);
+  {
+    Faults faults;
+    faults.answer("usleep", 0);
+    EXPECT_FALSE(file.shorten(90000, 200000));
+    EXPECT_EQ(span(), 300000);
+  }
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, FALSE);
+  EXPECT_TRUE(file.shorten(90000, 200000));
+  EXPECT_EQ(span(), 90000);
+  EXPECT_TRUE(file.close());
 }
 
 // --- disks

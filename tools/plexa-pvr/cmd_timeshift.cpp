@@ -38,8 +38,17 @@ constexpr int64_t kMostMinutes = 91;  // ... and keeps no longer one
 constexpr int64_t kMostReaders = 99;
 constexpr int64_t kUsualReaders = 4;
 
+// -1: the box does not tell. The storing thread asks it, too, and no exception may leave a thread.
+int64_t size_on_box(const std::string &path) {
+  try {
+    return PvrFile(path, GST_PVR_FILE_STREAM).size();
+  } catch (const Failure &) {
+    return -1;
+  }
+}
+
 int64_t file_size(const std::string &path) {
-  if (rec::is_box_in_use()) return PvrFile(path, GST_PVR_FILE_STREAM).size();
+  if (rec::is_box_in_use()) return std::max<int64_t>(size_on_box(path), 0);
   struct stat64 status {};
   return ::stat64(path.c_str(), &status) == 0 ? status.st_size : 0;
 }
@@ -119,7 +128,8 @@ void Session::look_for_cut() {
 
 // The box tells the time that it has cut off, not the bytes: those are what its file lacks.
 int64_t Session::removed_on_box() const {
-  return static_cast<int64_t>(written_) - file_size(buffer_.path);
+  const int64_t size = size_on_box(buffer_.path);
+  return size < 0 ? removed_.load() : static_cast<int64_t>(written_) - size;
 }
 
 void Session::ended() {

@@ -7,6 +7,7 @@
 
 #include "failure.h"
 #include "gst-plexa/gst_thumbnail_common.h"
+#include "recording.h"
 #include "text.h"
 
 namespace plexa::pvr {
@@ -57,17 +58,11 @@ cairo_status_t append_bytes(void *to, const unsigned char *data, unsigned int si
   return CAIRO_STATUS_SUCCESS;
 }
 
+// Wherever recordings lie.
 std::vector<uint8_t> read_whole_file(const std::string &path) {
-  gchar *contents = nullptr;
-  gsize size = 0;
-  GError *error = nullptr;
-  if (!g_file_get_contents(path.c_str(), &contents, &size, &error)) {
-    const Failure failure(error->message);
-    g_error_free(error);
-    throw failure;
-  }
-  std::vector<uint8_t> bytes(contents, contents + size);
-  g_free(contents);
+  PvrFile file(path, GST_PVR_FILE_STREAM);
+  std::vector<uint8_t> bytes(static_cast<size_t>(file.size()));
+  bytes.resize(static_cast<size_t>(file.read_at(0, bytes.data(), std::ssize(bytes))));
   return bytes;
 }
 
