@@ -7,13 +7,13 @@
  * the first cut every handle is. A reader that stands before the cut point is moved to the oldest
  * byte kept.
  *
- * Every operation but fsync and the getters waits while a cut is in progress, 2 seconds at most,
- * and then gives -3: nothing has happened, and the operation may be tried again. For close this
- * means: the handle is still open and known to the cut, and must not be freed before a close
- * succeeds.
+ * Every operation but fsync, get_max_time and set_last_wrote_time waits while a cut is in progress,
+ * 2 seconds at most, and then gives -3: nothing has happened, and the operation may be tried again.
+ * For close this means: the handle is still open and known to the cut, and must not be freed before
+ * a close succeeds.
  *
- * All functions are called by the handle's operation table, under the handle's lock; the arguments
- * are those of gst_pvr_file.h.
+ * All functions are called by the handle's operation table, under the handle's lock unless they say
+ * otherwise; the arguments are those of gst_pvr_file.h.
  */
 #ifndef GST_CUT_FILE_H
 #define GST_CUT_FILE_H
