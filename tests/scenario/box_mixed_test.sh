@@ -15,6 +15,9 @@ root=$(cd "$(dirname "$0")/../.." && pwd -P)
 declare -A build=([64]=$(realpath "$1") [32]=$(realpath "$2"))
 work=$(mktemp -d "${build[64]}/box-mixed.XXXXXX")
 trap 'rm -rf "$work"' EXIT
+# Not before the present direction, and with it its box, has ended.
+trap 'exit 130' INT
+trap 'exit 143' TERM
 
 # The caller's own box is none of this test's.
 unset PLEXA_BOX PLEXA_TEST_BOX_ADDRESS PLEXA_TEST_BOX_PORT LD_PRELOAD
@@ -52,18 +55,25 @@ encode() {
 
 # --- one direction: the box of one architecture, its client of the other; folders of its own
 
+# Waits until the box has written such a line; up to a minute.
+await() {
+  local tenths=600
+  until grep -qs "$1" "$2"; do
+    kill -0 "$box" 2> /dev/null || fail "the box has ended: $(cat "$folder/box.log")"
+    ((tenths -= 1)) || fail "the box does not start: $(cat "$folder/box.log")"
+    sleep 0.1
+  done
+}
+
 # The box writes its process id down by itself: a shell's child may be a wrapper around it.
 start_box() {
   # shellcheck disable=SC2016
   on "$server" bash -c 'echo $$ > "$1" && exec "$2" --root "$3" --port 0' box \
     "$folder/box.pid" "${build[$server]}/tools/plexa-box" "$folder/disk" > "$folder/box.log" 2>&1 &
   box=$!
-  local tenths=600
-  until grep -q '^listening on .*:[0-9]*$' "$folder/box.log"; do
-    kill -0 "$box" 2> /dev/null || fail "the box has ended: $(cat "$folder/box.log")"
-    ((tenths -= 1)) || fail 'the box does not listen'
-    sleep 0.1
-  done
+  await '^[0-9][0-9]*$' "$folder/box.pid"
+  box_pid=$(cat "$folder/box.pid")
+  await '^listening on .*:[0-9]*$' "$folder/box.log"
   port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$folder/box.log")
 }
 
@@ -72,7 +82,7 @@ stop_box() {
   local wrapper=$box
   box=
   if kill -0 "$wrapper" 2> /dev/null; then
-    kill "$(cat "$folder/box.pid" 2> /dev/null || printf '%d' "$wrapper")"
+    kill "${box_pid:-$wrapper}"
   fi
   wait "$wrapper"
 }
@@ -120,7 +130,7 @@ figure() {
 # How much a cut takes hangs on how far the index is at that moment, here as there. What is kept is the
 # recording's end.
 timeshift() {
-  local name removed input
+  local name removed input kept
   for name in here there; do
     "pvr_$name" timeshift "$work/stream.ts" buffer.kvf --max-time 6 --readers 1 --json \
       > "$folder/$name.txt" 2>&1 || fail "timeshift fails: $(cat "$folder/$name.txt")"
@@ -134,8 +144,8 @@ timeshift() {
   removed=$(figure bytes_removed "$folder/there.txt")
   input=$(stat -c %s "$work/stream.ts")
   [[ $removed -gt 0 && $removed -lt $input ]] || fail "timeshift: $removed bytes removed"
-  [[ $(stat -c %s "$folder/disk/buffer.kvf") -eq \
-    $(($(figure bytes "$folder/there.txt") - removed)) ]] || fail 'timeshift: another size on the box'
+  kept=$(($(figure bytes "$folder/there.txt") - removed))
+  [[ $(stat -c %s "$folder/disk/buffer.kvf") -eq $kept ]] || fail "timeshift: not $kept bytes on the box"
   # A buffer takes whole units: null packets may follow.
   cmp -n $((input - removed)) -i "$removed:0" "$work/stream.ts" "$folder/disk/buffer.kvf" ||
     fail 'timeshift: the box has not kept the end of the recording'
@@ -147,7 +157,7 @@ direction() (
   mkdir -p "$folder"/{disk,here,there}
   check_architecture "$server" "${build[$server]}/tools/plexa-box"
   check_architecture "$client" "${build[$client]}/tools/plexa-pvr"
-  box=
+  box='' box_pid=''
   trap '[[ -z $box ]] || stop_box' EXIT
   start_box
 
