@@ -242,6 +242,38 @@ TEST_F(PlexaBoxServerTest, AFifthRecordingIsRefused) {
   EXPECT_TRUE(fifth.open("/film4.kvf", kToWrite));
 }
 
+// The library counts a recording's files together, and a refusal there costs one that is open its
+// count: after a few of them it would take the recording for closed.
+TEST_F(PlexaBoxServerTest, ARefusedWriterTakesNothingFromThoseThatAreOpen) {
+  std::vector<std::unique_ptr<RawClient>> writers;
+  for (int i = 0; i < 3; ++i) {
+    writers.push_back(std::make_unique<RawClient>(box()));
+    EXPECT_TRUE(writers.back()->open("/film.kvf", kToWrite));
+  }
+  RawClient another(box());
+  for (const char *const path : {"/film.kvf", "/film.mdb", "/film.kvf", "/film.mdb"}) {
+    EXPECT_FALSE(another.open(path, kToWrite)) << path;
+  }
+  EXPECT_TRUE(writers[0]->succeeds(bare_request(COMMAND_TYPE_CLOSE)));
+  EXPECT_TRUE(another.open("/film.mdb", kToWrite));
+  EXPECT_FALSE(writers[0]->open("/film.kvf", kToWrite));
+}
+
+// The library's own readers are those of the writers that cut: each looks into the index.
+TEST_F(PlexaBoxServerTest, ClientsLeaveReadersToTheLibrary) {
+  write_file(file("film.kvf"), counting_bytes(10));
+  std::vector<std::unique_ptr<RawClient>> readers;
+  for (int i = 0; i < 97; ++i) {
+    readers.push_back(std::make_unique<RawClient>(box()));
+    EXPECT_TRUE(readers.back()->open("/film.kvf", kToRead)) << i;
+  }
+  RawClient another(box());
+  EXPECT_FALSE(another.open("/film.kvf", kToRead));
+  EXPECT_FALSE(another.open("/film.kvf", kToRead));
+  EXPECT_TRUE(readers[0]->succeeds(bare_request(COMMAND_TYPE_CLOSE)));
+  EXPECT_TRUE(another.open("/film.kvf", kToRead));
+}
+
 // ---- What is no request ----
 
 TEST_F(PlexaBoxServerTest, APacketOfAnImpossibleSizeEndsTheConnection) {
@@ -373,6 +405,17 @@ TEST_F(PlexaBoxServerTest, ASilentClientKeepsItsConnection) {
   ASSERT_TRUE(client.open("/film.kvf", kToWrite));
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   EXPECT_TRUE(client.succeeds(bare_request(COMMAND_TYPE_TELL)));
+}
+
+// It would keep the place of one that has something to ask.
+TEST_F(PlexaBoxServerTest, ASilentClientWithoutAFileIsLeft) {
+  start({.arguments = {"--patience", "1"}});
+  RawClient newcomer(box());
+  RawClient done(box());
+  ASSERT_TRUE(done.open("/film.kvf", kToWrite));
+  ASSERT_TRUE(done.succeeds(bare_request(COMMAND_TYPE_CLOSE)));
+  EXPECT_TRUE(newcomer.is_closed());
+  EXPECT_TRUE(done.is_closed());
 }
 
 // ---- The root ----
@@ -556,6 +599,23 @@ TEST_F(PlexaBoxServerTest, VerboseTellsEveryRequestWithoutItsControlCharacters) 
   EXPECT_THAT(box().errors(), HasSubstr("COMMAND_TYPE_OPEN refused: /none\\033[2J.kvf: "));
   EXPECT_THAT(box().errors(), HasSubstr("film.kvf to write: open\n"));
   EXPECT_THAT(box().errors(), HasSubstr(" left\n"));
+}
+
+TEST_F(PlexaBoxServerTest, VerboseTellsWhyAnOpenFailed) {
+  start({.arguments = {"--verbose"}, .environment = {"PLEXA_HOST_LOG=off"}});
+  {
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < 5; ++i) {
+      clients.push_back(std::make_unique<RawClient>(box()));
+      clients.back()->open("/film" + std::to_string(i) + ".kvf",
+                           {0, 1, static_cast<guint8>(i == 0), 0});
+    }
+    RawClient(box()).open("/film1.kvf", {0, 1, 1, 0});
+  }
+  box().wait_until_idle();
+  EXPECT_EQ(box().stop(SIGTERM), 0);
+  EXPECT_THAT(box().errors(), HasSubstr("film4.kvf to write: failed: Device or resource busy\n"));
+  EXPECT_THAT(box().errors(), HasSubstr("film1.kvf to write: failed: Device or resource busy\n"));
 }
 
 // With the detection before it, that says yes, it would ask itself without end.

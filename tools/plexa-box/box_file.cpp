@@ -1,17 +1,60 @@
 // box_file.cpp - see box_file.h.
 #include "box_file.h"
 
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <set>
+
+#include "gst-plexa/gst_file_shared_info.h"
+#include "gst-plexa/gst_pvr_tools.h"
 
 namespace plexa::box {
 namespace {
 
+constexpr int kMostWriters = GST_SHARED_INFO_MAX_WRITERS;
+// A writer whose stream is cut has the library read the index, once for each writer.
+constexpr int kMostReaders = GST_SHARED_INFO_MAX_READERS - kMostWriters;
+
+struct Openings {
+  int readers = 0;
+  int writers = 0;
+};
+
 // What is open, in all connections; under the lock.
 std::mutex g_lock;
 std::multiset<std::string> g_open;
+std::map<std::string, Openings> g_recordings;
 std::string g_timeshift;  // the one time-shift stream
 int g_timeshift_opens = 0;
+
+// As the library names it: stream and index are one recording.
+std::string recording_of(const std::string &path) {
+  const std::unique_ptr<gchar, decltype(&std::free)> name(
+      gst_pvr_tool_extract_filepath_no_ext(path.c_str()), &std::free);
+  return name != nullptr ? name.get() : path;
+}
+
+// The library refuses one reader or writer too many as well, but at the cost of one that is open,
+// which any client could use to have it forget another one's recording.
+bool enter_recording(const std::string &path, bool reads) {
+  const std::lock_guard hold(g_lock);
+  Openings &openings = g_recordings[recording_of(path)];
+  int &count = reads ? openings.readers : openings.writers;
+  if (count == (reads ? kMostReaders : kMostWriters)) return false;
+  ++count;
+  return true;
+}
+
+void leave_recording(const std::string &path, bool reads) {
+  const std::lock_guard hold(g_lock);
+  const auto at = g_recordings.find(recording_of(path));
+  if (at == g_recordings.end()) return;
+  --(reads ? at->second.readers : at->second.writers);
+  if (at->second.readers == 0 && at->second.writers == 0) g_recordings.erase(at);
+}
 
 bool enter_timeshift(const std::string &path) {
   const std::lock_guard hold(g_lock);
@@ -64,19 +107,38 @@ BoxFile::~BoxFile() {
   gst_pvr_file_deinit(&file_);
 }
 
+bool BoxFile::enter() const {
+  if (is_timeshift_ && !enter_timeshift(path_)) return false;
+  if (enter_recording(path_, is_reader_)) return true;
+  if (is_timeshift_) leave_timeshift();
+  return false;
+}
+
+void BoxFile::leave() const {
+  const int saved = errno;
+  leave_recording(path_, is_reader_);
+  if (is_timeshift_) leave_timeshift();
+  errno = saved;
+}
+
 gint64 BoxFile::open(const std::string &path, const GstSocketOpenFlags &flags, guint8 is_atsc3) {
-  is_timeshift_ = is_timeshift_stream(flags);
-  if (is_timeshift_ && !enter_timeshift(path)) return -1;
   path_ = path;
+  is_reader_ = flags.read_mode != 0;
+  is_timeshift_ = is_timeshift_stream(flags);
+  if (!enter()) {
+    errno = EBUSY;
+    return -1;
+  }
   const gint64 result = patiently([&] {
+    errno = EBUSY;  // for want of a place among what is open, which sets none
     return gst_pvr_file_open(&file_, path_.c_str(), flags.read_mode, flags.direct_mode, flags.is_ts,
                              flags.is_index, 0, is_atsc3);
   });
   is_open_ = result >= 0;
   if (is_open_) {
     note_open(path_);
-  } else if (is_timeshift_) {
-    leave_timeshift();
+  } else {
+    leave();
   }
   return result;
 }
@@ -88,7 +150,7 @@ gint64 BoxFile::close() {
   if (result == kCutHangs) return result;
   is_open_ = false;
   note_closed(path_);
-  if (is_timeshift_) leave_timeshift();
+  leave();
   return result;
 }
 

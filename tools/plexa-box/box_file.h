@@ -3,7 +3,8 @@
 // The library's handle, with what a client's connection needs beside it: an operation that met a
 // cut which takes long is repeated where the protocol has no way to say so, and a time-shift stream
 // is opened for one recording at a time, because the library keeps one record of what has been cut
-// off. One object serves one thread at a time.
+// off. A fourth writer and the 98th reader of a recording are refused before the library sees them.
+// One object serves one thread at a time.
 #pragma once
 
 #include <chrono>
@@ -39,11 +40,14 @@ class BoxFile {
  private:
   template <class Operation>
   gint64 patiently(Operation operation) const;
+  bool enter() const;  // into the account of what is open
+  void leave() const;
 
   const std::chrono::seconds patience_;
   GstPvrFile file_{};
   std::string path_;  // the library keeps a pointer to it
   bool is_open_ = false;
+  bool is_reader_ = false;
   bool is_timeshift_ = false;
 };
 

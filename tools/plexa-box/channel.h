@@ -1,9 +1,9 @@
 // channel.h - a client's connection: requests come in packet by packet, answers go out whole.
 //
-// A client may be silent between two requests for as long as it likes. From the first byte of a
-// packet on it has to be quick: what has not come, or has not been taken, when the patience is over
-// ends the connection, as does everything that the socket reports. One thread at a time; stop() may
-// come from any other.
+// A client may be silent before a packet, where none has to come. From the first byte of a packet
+// on it has to be quick: what has not come, or has not been taken, when the patience is over ends
+// the connection, as does everything that the socket reports. One thread at a time; any other may
+// shut the socket down.
 #pragma once
 
 #include <sys/uio.h>
@@ -28,7 +28,8 @@ class Channel {
   // The next packet's header, whose size is sound: 28 bytes at least, and no more than a packet may
   // have. False: the connection is over, or what came is no packet.
   bool next(header_data_s &header) { return next(header, false); }
-  // The same, where one has to come, because the request is not complete without it.
+  // The same, where one has to come: the request is not complete without it, or the client has no
+  // other business here.
   bool next_of_request(header_data_s &header) { return next(header, true); }
   // The next bytes of the packet. `ahead`: bytes behind them that are sure to follow, the beginning
   // of the next packet; they may be taken in the same system call.

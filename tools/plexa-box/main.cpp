@@ -175,7 +175,8 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// The library cuts on a task of GStreamer's, which needs none of its plug-ins.
+// The library cuts on a task of GStreamer's, which needs none of its plug-ins. Threads that begin
+// in here are confined like the others only if that has been done before.
 void start_gstreamer() {
   g_setenv("GST_REGISTRY_DISABLE", "yes", TRUE);
   gst_init(nullptr, nullptr);
@@ -189,6 +190,7 @@ void serve(const Options &options) {
     std::fprintf(stderr,
                  "plexa-box: this kernel has no Landlock; the checks of paths stand alone\n");
   }
+  start_gstreamer();
   std::printf("listening on %s\n", server.address().c_str());
   std::fflush(stdout);
   server.run(stop);
@@ -202,7 +204,6 @@ int run(int argc, char **argv) {
   std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow further is reported like a full disk
   if (!options->server.verbose) plexa_host_set_log_level(PLEXA_HOST_LOG_LEVEL_OFF);
   raise_descriptor_limit();
-  start_gstreamer();
   serve(*options);
   return 0;
 }

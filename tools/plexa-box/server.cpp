@@ -123,7 +123,7 @@ void Server::start_session(int socket, const sockaddr_in &from) {
   if (settings_.verbose) std::fprintf(stderr, "%s connected\n", client.c_str());
   try {
     std::thread([this, socket, client] { serve(socket, client); }).detach();
-  } catch (const std::system_error &) {
+  } catch (const std::exception &) {  // no thread, or no memory for one
     leave(socket);
     refuse(socket);
   }
@@ -132,15 +132,17 @@ void Server::start_session(int socket, const sockaddr_in &from) {
 // The session's socket is in the book until it is closed, so that a stop reaches it; the number is
 // not given away by then, because it is closed under the book's lock.
 void Server::serve(int socket, const std::string &client) {
-  auto session = std::make_unique<Session>(socket, root_, settings_, client);
+  std::unique_ptr<Session> session;
   try {
+    session = std::make_unique<Session>(socket, root_, settings_, client);
     session->run();
   } catch (const std::exception &error) {  // out of memory: this client goes, the others stay
     std::fprintf(stderr, "plexa-box: %s: %s\n", client.c_str(), error.what());
   }
-  session->release();
+  if (session != nullptr) session->release();
   if (settings_.verbose) std::fprintf(stderr, "%s left\n", client.c_str());
   const std::lock_guard hold(lock_);
+  if (session == nullptr) ::close(socket);
   session.reset();
   sockets_.erase(socket);
   left_.notify_all();

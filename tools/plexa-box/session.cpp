@@ -86,9 +86,10 @@ Session::Session(int socket, const Root &root, const Settings &settings, std::st
       settings_(settings),
       client_(std::move(client)) {}
 
+// A client without a file has come to ask for something; one that does not keeps another one out.
 void Session::run() {
   header_data_s header{};
-  while (channel_.next(header)) {
+  while (is_open() ? channel_.next(header) : channel_.next_of_request(header)) {
     if (!serve(header)) return;
   }
   if (channel_.out_of_step()) {

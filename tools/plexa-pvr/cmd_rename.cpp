@@ -59,9 +59,13 @@ void rename_recording(const std::string &from, const std::string &to, bool json)
   }
   std::unique_ptr<const LockedStream> lock;
   if (!rec::is_box_in_use()) lock = std::make_unique<LockedStream>(old_paths.stream);
-  // A stream without its index can be indexed; an index without its stream is worth nothing.
   move(old_paths.stream, new_paths.stream);
-  move(old_paths.index, new_paths.index);
+  try {
+    move(old_paths.index, new_paths.index);
+  } catch (const Failure &) {
+    move(new_paths.stream, old_paths.stream);  // the two belong under one name
+    throw;
+  }
   move_thumbnails(old_paths.stream, new_paths.stream);
   rec::sync_folder(new_paths.stream);
   if (!json) {
