@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr gint64 kEraseUnit = 192512;  // 1024 packets
 constexpr gint32 kPatientPasses = 20;  // this many waiting passes do not switch cutting off
 constexpr int kPassMs = 20;
 constexpr char kTaskName[] = "_gst_cut_thread_loop";
@@ -101,7 +100,7 @@ gint64 _file_size(const gchar *path) {
 // every handle has to move with its bytes.
 gint64 _lost_all_the_same(gint64 size_before, gint64 size_now) {
   const gint64 lost = size_before - size_now;
-  return size_before >= 0 && size_now >= 0 && lost > 0 && lost % kEraseUnit == 0 ? lost : 0;
+  return size_before >= 0 && size_now >= 0 && lost > 0 && lost % GST_EDIT_UNIT_SIZE == 0 ? lost : 0;
 }
 
 bool _store_cut(GstCutParam *param) {
@@ -160,7 +159,7 @@ bool _gst_cut_thread_cut(GstCutParam *param) {
   const gint64 size_before = _file_size(param->file_path);
   const gint64 removed = gst_edit_unit_do_partial_delete(param->file_path, 0, param->cut_offset);
   // A failure is a positive number, too, but never a whole number of units.
-  const bool is_cut = removed > 0 && removed % kEraseUnit == 0;
+  const bool is_cut = removed > 0 && removed % GST_EDIT_UNIT_SIZE == 0;
   param->removed_bytes =
       is_cut ? removed : _lost_all_the_same(size_before, _file_size(param->file_path));
   _add_bytes_cut_off(param->key, param->removed_bytes);
