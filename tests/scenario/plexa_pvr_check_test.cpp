@@ -121,15 +121,22 @@ TEST_F(PlexaPvrCheckTest, ALostSyncByteIsFoundInTheMiddleOfAGop) {
 }
 
 TEST_F(PlexaPvrCheckTest, AStretchWithoutSyncBytesIsOneFault) {
-  poke(film_.stream, 1000 * 188, std::vector<uint8_t>(40 * 188, 0));
+  const auto lost = [](int count, int64_t first, int64_t last) {
+    return std::to_string(count) + " packets from " + std::to_string(first) + " to " +
+           std::to_string(last);
+  };
+  // Behind the I-frame, and far enough before the next.
+  const auto first = static_cast<int64_t>(gops()[kDamaged].packet_count) + 200;
+  ASSERT_LT(first + 100, static_cast<int64_t>(gops()[kDamaged + 1].packet_count));
+  poke(film_.stream, first * 188, std::vector<uint8_t>(40 * 188, 0));
   const JsonText found = faults();
   ASSERT_THAT(found.texts("faults", "kind"), ElementsAre("sync"));
-  EXPECT_THAT(found.text("faults.0.text"), HasSubstr("40 packets from 1000 to 1039"));
+  EXPECT_THAT(found.text("faults.0.text"), HasSubstr(lost(40, first, first + 39)));
   // Packets that look sound by chance do not end it; five in a row do.
-  poke(film_.stream, 1044 * 188, {0});
+  poke(film_.stream, (first + 44) * 188, {0});
   EXPECT_THAT(faults().texts("faults", "text"),
-              ElementsAre(HasSubstr("41 packets from 1000 to 1044")));
-  poke(film_.stream, 1050 * 188, {0});
+              ElementsAre(HasSubstr(lost(41, first, first + 44))));
+  poke(film_.stream, (first + 50) * 188, {0});
   EXPECT_EQ(faults().count("faults"), 2u);
 }
 

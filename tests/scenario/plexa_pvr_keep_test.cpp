@@ -155,9 +155,8 @@ TEST_P(PlexaPvrKeepFrontTest, OfABufferThatLostItsEndIsFoundToo) {
 TEST_F(PlexaPvrKeepTest, SaysWhatItDid) {
   lose_front(2);
   const Ended run = pvr({"keep", buffer_.index, kept_.stream});
-  EXPECT_EQ(run.out, kept_.stream +
-                         ": 00:00:04.080, 9 GOPs, 914.4 kB; kept from 00:00:01.920 on, 385.0 kB "
-                         "had been removed before it\n");
+  EXPECT_EQ(run.out, kept_.stream + ": 00:00:04.080, 9 GOPs, " + kilobytes(size_of(kept_.stream)) +
+                         "; kept from 00:00:01.920 on, 385.0 kB had been removed before it\n");
 }
 
 TEST_F(PlexaPvrKeepTest, APlaceWithinTheKeptPartIsFoundByTimeAndPicturesAreMade) {

@@ -16,6 +16,7 @@
 #include <linux/capability.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -342,6 +343,12 @@ void copy_file(const std::string &from, const std::string &to) {
 
 int64_t size_of(const std::string &path) {
   return static_cast<int64_t>(std::filesystem::file_size(path));
+}
+
+std::string kilobytes(int64_t bytes) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f kB", static_cast<double>(bytes) / 1000);
+  return text;
 }
 
 JsonText::JsonText(const std::string &text) : parser_(json_parser_new()) {

@@ -91,6 +91,8 @@ void append(const std::string &path, const std::vector<uint8_t> &bytes);
 void truncate_to(const std::string &path, int64_t size);
 void copy_file(const std::string &from, const std::string &to);
 int64_t size_of(const std::string &path);
+// A size below a megabyte as the program writes it: "914.4 kB".
+std::string kilobytes(int64_t bytes);
 
 // A parsed JSON document; the test fails when the text is none.
 class JsonText {
