@@ -56,6 +56,11 @@ class DataHold {
   pthread_mutex_t &mutex_;
 };
 
+// There is no buffer of less than one byte.
+guint8 *_allocate(gint32 size) {
+  return size < 1 ? nullptr : static_cast<guint8 *>(malloc(static_cast<size_t>(size)));
+}
+
 bool _usable(const ExtQueue *queue) { return queue != nullptr && queue->initialized != 0; }
 
 // The functions below are called with the data lock held.
@@ -109,9 +114,6 @@ void _destroy_locks(ExtQueue &queue) {
 
 gint32 ext_queue_create(ExtQueue *queue, gint32 size) {
   if (queue == nullptr) REFUSE();
-  queue->initialized = 0;
-  queue->buffer = nullptr;
-  if (size < 1) REFUSE();
   pthread_mutex_init(&queue->data_lock, nullptr);
   pthread_mutex_init(&queue->global_lock, nullptr);
   {
@@ -119,11 +121,11 @@ gint32 ext_queue_create(ExtQueue *queue, gint32 size) {
     queue->read_index = 0;
     queue->write_index = 0;
     queue->capacity = size;
-    queue->buffer = static_cast<guint8 *>(malloc(static_cast<size_t>(size)));
+    queue->buffer = _allocate(size);
     queue->initialized = queue->buffer != nullptr ? 1 : 0;
+    if (queue->initialized != 0) return 1;
+    PLX_ERROR("[PLG_ERR] malloc failed, buffer_size=[%d]", size);
   }
-  if (queue->initialized != 0) return 1;
-  PLX_ERROR("[PLG_ERR] malloc failed, buffer_size=[%d]", size);
   _destroy_locks(*queue);
   return 0;
 }
@@ -151,32 +153,27 @@ gint32 ext_queue_clear(ExtQueue *queue) {
 gint32 ext_queue_push(ExtQueue *queue, const void *data, gint32 size) {
   if (!_usable(queue) || size < 0 || (data == nullptr && size > 0)) REFUSE();
   if (size == 0) return 1;
-  gint32 free_bytes = 0;
-  {
-    const DataHold hold(*queue);
-    free_bytes = _bytes_free(*queue);
-    if (free_bytes >= size) {
-      _write(*queue, static_cast<const guint8 *>(data), size);
-      return 1;
-    }
+  const DataHold hold(*queue);
+  const gint32 free_bytes = _bytes_free(*queue);
+  if (free_bytes < size) {
+    PLX_ERROR("[PLG_ERR] overflow, push size[%d] is bigger than free[%d]", size, free_bytes);
+    return 0;
   }
-  PLX_ERROR("[PLG_ERR] overflow, push size[%d] is bigger than free[%d]", size, free_bytes);
-  return 0;
+  _write(*queue, static_cast<const guint8 *>(data), size);
+  return 1;
 }
 
 gint32 ext_queue_pop(ExtQueue *queue, void *out, gint32 size) {
   if (!_usable(queue) || size < 0 || (out == nullptr && size > 0)) REFUSE();
-  {
-    const DataHold hold(*queue);
-    const gint32 held = _bytes_held(*queue);
-    if (held > 0) {
-      const gint32 count = std::min(held, size);
-      if (count > 0) _read(*queue, static_cast<guint8 *>(out), count);
-      return count;
-    }
+  const DataHold hold(*queue);
+  const gint32 held = _bytes_held(*queue);
+  if (held == 0) {
+    PLX_ERROR("[PLG_ERR] underflow, requeted size[%d] is bigger than buffer[%d]", size, held);
+    return 0;
   }
-  PLX_ERROR("[PLG_ERR] underflow, requeted size[%d] is bigger than buffer[%d]", size, 0);
-  return 0;
+  const gint32 count = std::min(held, size);
+  if (count > 0) _read(*queue, static_cast<guint8 *>(out), count);
+  return count;
 }
 
 gint32 ext_queue_get_buffer_size(ExtQueue *queue) {

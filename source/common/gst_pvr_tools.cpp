@@ -5,6 +5,7 @@
 // function may be called from any thread.
 #include "gst-plexa/gst_pvr_tools.h"
 
+#include <fcntl.h>
 #include <sys/times.h>
 #include <unistd.h>
 
@@ -43,11 +44,20 @@ gchar *_join(const gchar *head, const gchar *tail) {
   return joined;
 }
 
-// A directory of no length stays without quotes: "df " then lists every file system.
+// Characters that mean nothing but themselves to a shell, wherever they stand in an argument.
+constexpr char kPlain[] =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-./+,:@%=";
+
+// An ordinary directory goes into the command as it is, any other as one quoted word. One of no
+// length leaves "df " alone, which then lists every file system.
 FILE *_open_df(const gchar *directory) {
-  g_autofree gchar *quoted = *directory != '\0' ? g_shell_quote(directory) : g_strdup("");
-  g_autofree gchar *command = g_strdup_printf("df %s", quoted);
-  return popen(command, "re");
+  const bool is_plain = directory[strspn(directory, kPlain)] == '\0';
+  g_autofree gchar *word = is_plain ? g_strdup(directory) : g_shell_quote(directory);
+  g_autofree gchar *command = g_strdup_printf("df %s", word);
+  FILE *const pipe = popen(command, "r");
+  // Programs that the process starts meanwhile have no business with the pipe.
+  if (pipe != nullptr) fcntl(fileno(pipe), F_SETFD, FD_CLOEXEC);
+  return pipe;
 }
 
 // One line without its newline; what a longer line has beyond the buffer is dropped.

@@ -251,7 +251,8 @@ void __wrap_sync() {
 FILE *__real_popen(const char *command, const char *type);
 FILE *__wrap_popen(const char *command, const char *type);
 FILE *__wrap_popen(const char *command, const char *type) {
-  return judge("popen", -1, command).fail ? nullptr : __real_popen(command, type);
+  const auto length = static_cast<long long>(std::strlen(type));
+  return judge("popen", -1, command, length).fail ? nullptr : __real_popen(command, type);
 }
 
 char *__real_realpath(const char *path, char *resolved);

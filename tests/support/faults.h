@@ -39,7 +39,8 @@ class Faults {
   void before(const std::string &call, std::function<void()> action);
   // Called with the arguments that matter: (descriptor or -1, path or null, number or 0), where the
   // number is the byte count of read, write, send and recv, the offset of lseek64, the flags of
-  // open64. connect has the dotted address as path and the port as number.
+  // open64. connect has the dotted address as path and the port as number, popen the command as
+  // path and the length of its mode as number.
   void watch(const std::string &call,
              std::function<void(int fd, const char *path, long long number)> watcher);
   void all_threads();

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <deque>
@@ -87,7 +88,10 @@ TEST_F(QueueTest, CreateRefusesACapacityBelowOne) {
     LogCapture::clear();
     EXPECT_EQ(ext_queue_create(&queue_, size), 0);
     EXPECT_EQ(queue_.initialized, 0u);
-    EXPECT_EQ(LogCapture::messages(kError).size(), 1u);
+    EXPECT_EQ(queue_.buffer, nullptr);
+    EXPECT_THAT(
+        LogCapture::messages(kError),
+        ElementsAre("[TOOLS] [PLG_ERR] malloc failed, buffer_size=[" + std::to_string(size) + "]"));
     EXPECT_EQ(push({}), 0) << "the record counts as destroyed";
   }
 }
@@ -524,6 +528,33 @@ TEST_F(QueueTest, TheGlobalLockKeepsNoCallFromTheQueue) {
   EXPECT_THAT(pop(1), ElementsAre(1));
   EXPECT_EQ(ext_queue_clear(&queue_), 1);
   ext_global_unlock(&queue_);
+}
+
+// What the log says of the bytes is still true while it says so.
+TEST_F(QueueTest, AFailedCallWritesItsLineBeforeItLetsTheDataLockGo) {
+  static pthread_mutex_t *lock;
+  static std::vector<int> tries;
+  lock = &queue_.data_lock;
+  tries.clear();
+  LogCapture::set_hook([] {
+    tries.push_back(pthread_mutex_trylock(lock));
+    if (tries.back() == 0) pthread_mutex_unlock(lock);
+  });
+  {
+    Faults faults;
+    faults.fail("malloc", ENOMEM);
+    create(8);
+  }
+  create(8);
+  push({1, 2, 3, 4, 5, 6, 7, 8});
+  pop(1);
+  LogCapture::set_hook(nullptr);
+  EXPECT_THAT(LogCapture::messages(kError),
+              ElementsAre("[TOOLS] [PLG_ERR] malloc failed, buffer_size=[8]",
+                          "[TOOLS] [PLG_ERR] overflow, push size[8] is bigger than free[7]",
+                          "[TOOLS] [PLG_ERR] underflow, requeted size[1] is bigger than "
+                          "buffer[0]"));
+  EXPECT_THAT(tries, ElementsAre(EBUSY, EBUSY, EBUSY));
 }
 
 TEST_F(QueueTest, NoCallKeepsTheDataLock) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "faults.h"
 #include "gst_pvr_tools_internal.h"
@@ -315,6 +316,32 @@ TEST_F(FileSystemSizeTest, HandsTheFolderToTheShellAsOneWord) {
   check(folder + "/CONTENT/rec.kvf");
   EXPECT_EQ(df_arguments(), "1\n" + folder + "\n");
   EXPECT_FALSE(exists("broken"));
+}
+
+TEST_F(FileSystemSizeTest, WritesAnOrdinaryFolderIntoTheCommandAsItIs) {
+  const char *const rows[][2] = {
+      {"/mnt/usb-1_a.b+c,d:e@f%g=H9/CONTENT/rec.kvf", "df /mnt/usb-1_a.b+c,d:e@f%g=H9"},
+      {"/CONTENT/rec.kvf", "df "},
+      {"/mnt/my disk/CONTENT/rec.kvf", "df '/mnt/my disk'"},
+      {"~root/CONTENT/rec.kvf", "df '~root'"}};
+  for (const auto &row : rows) {
+    std::vector<std::string> commands;
+    Faults faults;
+    faults.watch("popen", [&](int, const char *command, long long length_of_mode) {
+      commands.emplace_back(command);
+      EXPECT_EQ(length_of_mode, 1) << "reading, and nothing else";
+    });
+    check(row[0]);
+    EXPECT_THAT(commands, ElementsAre(row[1]));
+  }
+}
+
+TEST_F(FileSystemSizeTest, KeepsThePipeFromProgramsStartedMeanwhile) {
+  int closed_on_exec = -1;
+  Faults faults;
+  faults.watch("fcntl", [&](int fd, const char *, long long) { closed_on_exec = fd; });
+  check("/mnt/usb/CONTENT/rec.kvf");
+  EXPECT_GT(closed_on_exec, STDERR_FILENO);
 }
 
 TEST_F(FileSystemSizeTest, UsesAtMost128BytesOfTheFolder) {
