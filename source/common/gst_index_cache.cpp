@@ -101,12 +101,13 @@ gint32 _test_window(Position target, Position first, Position last) {
 
 }  // namespace
 
-gint32 plexa::_read_gop(GstIndexParser *parser, gint32 target, gint64 file_size) {
+gint32 plexa::_read_gop(GstIndexParser *parser, gint32 target, IndexSize &file_size) {
   if (!has_cache(parser)) return kFailed;
   const gint64 start = std::max<gint64>(gint64{target} - kSlotsBeforeTarget, 0);
   const gint64 position = parser->gop_start_offset + start * parser->gop_info_size;
   PLX_INFO("IndexParser ReadGOP, startGOPIndex: %d", static_cast<gint32>(start));
-  PLX_INFO("IndexFile Size: %lld", static_cast<long long>(file_size));
+  const gint64 size = file_size.get();
+  PLX_INFO("IndexFile Size: %lld", static_cast<long long>(size));
   PLX_INFO("Seek to %d", static_cast<gint32>(position));
   const gint64 reached = gst_pvr_file_seek(parser->index_file, position, SEEK_SET);
   if (reached < 0) {
@@ -125,8 +126,8 @@ gint32 plexa::_read_gop(GstIndexParser *parser, gint32 target, gint64 file_size)
 }
 
 gint32 gst_index_parser_read_gop(GstIndexParser *parser, gint32 target) {
-  if (!has_cache(parser)) return kFailed;
-  return plexa::_read_gop(parser, target, gst_pvr_file_size(parser->index_file));
+  plexa::IndexSize file_size(parser);
+  return plexa::_read_gop(parser, target, file_size);
 }
 
 gint32 gst_index_parser_cache_initial_gop(GstIndexParser *parser, gint32 flag) {
@@ -158,7 +159,7 @@ gboolean gst_index_parser_check_gop_loaded(GstIndexParser *parser) {
   return TRUE;
 }
 
-gint32 plexa::_read_next_gop_table(GstIndexParser *parser, gint64 file_size) {
+gint32 plexa::_read_next_gop_table(GstIndexParser *parser, IndexSize &file_size) {
   const gint32 loaded =
       _read_gop(parser, static_cast<gint32>(parser->cached_end_abs_index), file_size);
   if (loaded < 0) PLX_ERROR("[PLG_ERR] ReadGOP Failed");
@@ -167,10 +168,11 @@ gint32 plexa::_read_next_gop_table(GstIndexParser *parser, gint64 file_size) {
 
 gint32 gst_index_parser_read_next_gop_table(GstIndexParser *parser) {
   if (parser == nullptr) return kFailed;
-  return plexa::_read_next_gop_table(parser, gst_pvr_file_size(parser->index_file));
+  plexa::IndexSize file_size(parser);
+  return plexa::_read_next_gop_table(parser, file_size);
 }
 
-gint32 plexa::_read_previous_gop_table(GstIndexParser *parser, gint64 file_size) {
+gint32 plexa::_read_previous_gop_table(GstIndexParser *parser, IndexSize &file_size) {
   if (parser->cached_start_abs_index == 0) return 0;
   const gint32 loaded =
       _read_gop(parser, static_cast<gint32>(parser->cached_start_abs_index), file_size);
@@ -180,7 +182,8 @@ gint32 plexa::_read_previous_gop_table(GstIndexParser *parser, gint64 file_size)
 
 gint32 gst_index_parser_read_previous_gop_table(GstIndexParser *parser) {
   if (parser == nullptr) return kFailed;
-  return plexa::_read_previous_gop_table(parser, gst_pvr_file_size(parser->index_file));
+  plexa::IndexSize file_size(parser);
+  return plexa::_read_previous_gop_table(parser, file_size);
 }
 
 gint32 gst_index_parser_is_target_time_gop_cached(GstIndexParser *parser, gint32 time) {

@@ -32,8 +32,8 @@ frameData _invalid_frame() {
 // A GOP outside the window: false when the file does not hold it.
 bool _load_gop(GstIndexParser *parser, gint64 gop) {
   if (gop < 0) return false;
-  const gint64 file_size = gst_pvr_file_size(parser->index_file);
-  if (gop >= plexa::whole_gops(*parser, file_size)) return false;
+  plexa::IndexSize file_size(parser);
+  if (gop >= plexa::whole_gops(*parser, file_size.get())) return false;
   if (plexa::_read_gop(parser, static_cast<gint32>(gop), file_size) < 0) {
     PLX_ERROR("[PLG_ERR] ReadGOP Failed");
     return false;

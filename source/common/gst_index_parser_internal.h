@@ -12,6 +12,8 @@
 // No locks; one parser serves one caller at a time.
 #pragma once
 
+#include <optional>
+
 #include "gst-plexa/gst_index_parser.h"
 
 namespace plexa {
@@ -62,10 +64,22 @@ inline gint64 offset_of(const pvr_gop_info_s &gop) {
   return wrapping_mul(static_cast<gint64>(gop.packet_count), kPacketBytes);
 }
 
-// The loads for a caller that has just asked the size of the file, which is all that the size is
-// for: it stands in the log. A lookup loads up to 18 windows and asks once.
-gint32 _read_gop(GstIndexParser *parser, gint32 target, gint64 file_size);
-gint32 _read_next_gop_table(GstIndexParser *parser, gint64 file_size);
-gint32 _read_previous_gop_table(GstIndexParser *parser, gint64 file_size);
+// The size of the index file for one call of a caller: asked when it is first wanted, and not at
+// all by a call that neither loads nor searches.
+class IndexSize {
+ public:
+  explicit IndexSize(const GstIndexParser *parser) : parser_(parser) {}
+  gint64 get() { return size_ ? *size_ : size_.emplace(gst_pvr_file_size(parser_->index_file)); }
+
+ private:
+  const GstIndexParser *parser_;
+  std::optional<gint64> size_;
+};
+
+// The loads for a caller that makes several. A lookup loads up to 18 windows and asks the size,
+// which costs as much as a load, once.
+gint32 _read_gop(GstIndexParser *parser, gint32 target, IndexSize &file_size);
+gint32 _read_next_gop_table(GstIndexParser *parser, IndexSize &file_size);
+gint32 _read_previous_gop_table(GstIndexParser *parser, IndexSize &file_size);
 
 }  // namespace plexa

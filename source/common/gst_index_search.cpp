@@ -26,15 +26,13 @@ struct Range {
 };
 
 struct Search {
+  explicit Search(GstIndexParser *searched) : parser(searched), file_size(searched) {}
+
   GstIndexParser *parser;
-  gint64 file_size;  // asked once, for the log of every load
+  plexa::IndexSize file_size;
 };
 
-Search _begin_search(GstIndexParser *parser) {
-  return {parser, gst_pvr_file_size(parser->index_file)};
-}
-
-gint32 _load_middle(const Search &search, const Range &range) {
+gint32 _load_middle(Search &search, const Range &range) {
   const gint64 middle = (range.start + range.end) / 2;
   const gint32 loaded =
       plexa::_read_gop(search.parser, static_cast<gint32>(middle), search.file_size);
@@ -79,10 +77,10 @@ struct ByPts {
 };
 
 template <class Key>
-gint32 _search(const Search &search, const Range &range, typename Key::Target target, gint32 level);
+gint32 _search(Search &search, const Range &range, typename Key::Target target, gint32 level);
 
 template <class Key>
-gint32 _search_part(const Search &search, const Range &from, const Range &part,
+gint32 _search_part(Search &search, const Range &from, const Range &part,
                     typename Key::Target target, gint32 level) {
   const gint32 result =
       _may_go_deeper(from, part, level) ? _search<Key>(search, part, target, level + 1) : kFailed;
@@ -91,7 +89,7 @@ gint32 _search_part(const Search &search, const Range &from, const Range &part,
 }
 
 template <class Key>
-gint32 _search_bigger_part(const Search &search, const Range &range, typename Key::Target target,
+gint32 _search_bigger_part(Search &search, const Range &range, typename Key::Target target,
                            gint32 level) {
   PLX_INFO("Target Time is NOT cached. Look bigger part!");
   const gint64 cached_end = search.parser->cached_end_abs_index;
@@ -107,7 +105,7 @@ gint32 _search_bigger_part(const Search &search, const Range &range, typename Ke
 }
 
 template <class Key>
-gint32 _search_smaller_part(const Search &search, const Range &range, typename Key::Target target,
+gint32 _search_smaller_part(Search &search, const Range &range, typename Key::Target target,
                             gint32 level) {
   PLX_INFO("Target Time is NOT Cached. Look smaller part!");
   const gint64 cached_start = search.parser->cached_start_abs_index;
@@ -115,8 +113,7 @@ gint32 _search_smaller_part(const Search &search, const Range &range, typename K
 }
 
 template <class Key>
-gint32 _search(const Search &search, const Range &range, typename Key::Target target,
-               gint32 level) {
+gint32 _search(Search &search, const Range &range, typename Key::Target target, gint32 level) {
   if (range.start == range.end) return 1;
   if (range.start > range.end) PLX_INFO("Start Index is Bigger than End Index");
   Key::log_target(target, range);
@@ -133,10 +130,9 @@ gint32 _search(const Search &search, const Range &range, typename Key::Target ta
   return 1;
 }
 
-gint32 _search_by_offset(const Search &search, const Range &range, gint64 offset, gint32 level);
+gint32 _search_by_offset(Search &search, const Range &range, gint64 offset, gint32 level);
 
-gint32 _search_bigger_offsets(const Search &search, const Range &range, gint64 offset,
-                              gint32 level) {
+gint32 _search_bigger_offsets(Search &search, const Range &range, gint64 offset, gint32 level) {
   PLX_INFO("Target Offset is NOT Cached. Look bigger part!");
   const Range part{search.parser->cached_end_abs_index, range.end};
   if (part.start == part.end) {
@@ -151,8 +147,7 @@ gint32 _search_bigger_offsets(const Search &search, const Range &range, gint64 o
   return result;
 }
 
-gint32 _search_smaller_offsets(const Search &search, const Range &range, gint64 offset,
-                               gint32 level) {
+gint32 _search_smaller_offsets(Search &search, const Range &range, gint64 offset, gint32 level) {
   PLX_INFO("Target Offset is NOT Cached. Look smaller part!");
   const Range part{range.start, search.parser->cached_start_abs_index};
   const gint32 result = _may_go_deeper(range, part, level)
@@ -163,7 +158,7 @@ gint32 _search_smaller_offsets(const Search &search, const Range &range, gint64 
   return result;
 }
 
-gint32 _search_by_offset(const Search &search, const Range &range, gint64 offset, gint32 level) {
+gint32 _search_by_offset(Search &search, const Range &range, gint64 offset, gint32 level) {
   if (range.start >= range.end) return 1;
   _log_target_time(static_cast<gint32>(offset), range);
   const gint32 loaded = _load_middle(search, range);
@@ -178,11 +173,11 @@ gint32 _search_by_offset(const Search &search, const Range &range, gint64 offset
 }
 
 // Number of the last GOP that was whole when the size was asked; -1 when there is none.
-gint32 _last_gop_number(const Search &search) {
-  return plexa::whole_gops(*search.parser, search.file_size) - 1;
+gint32 _last_gop_number(Search &search) {
+  return plexa::whole_gops(*search.parser, search.file_size.get()) - 1;
 }
 
-gint32 _search_file_by_time(const Search &search, gint32 time) {
+gint32 _search_file_by_time(Search &search, gint32 time) {
   const gint32 end = _last_gop_number(search);
   PLX_INFO("TIME=%d++++++", time);
   PLX_INFO("start_abs_index=%d++++++", 0);
@@ -196,26 +191,26 @@ gint32 _search_file_by_time(const Search &search, gint32 time) {
   return result;
 }
 
-gint32 _search_file_by_offset(const Search &search, gint64 offset) {
+gint32 _search_file_by_offset(Search &search, gint64 offset) {
   const gint32 result = _search_by_offset(search, {0, _last_gop_number(search)}, offset, 1);
   if (result < 0) PLX_ERROR("[PLG_ERR] Binary_search_by_offset(index_parser, Failed");
   return result;
 }
 
-gint32 _read_next(const Search &search) {
+gint32 _read_next(Search &search) {
   const gint32 loaded = plexa::_read_next_gop_table(search.parser, search.file_size);
   if (loaded < 0) PLX_ERROR("[PLG_ERR] ReadNextGOPTable Failed");
   return loaded;
 }
 
-gint32 _read_previous(const Search &search) {
+gint32 _read_previous(Search &search) {
   const gint32 loaded = plexa::_read_previous_gop_table(search.parser, search.file_size);
   if (loaded < 0) PLX_ERROR("[PLG_ERR] ReadPreviousGOPTable Failed");
   return loaded;
 }
 
 // One load to the neighbouring window: all it takes when a reader walks through the recording.
-gint32 _move_towards_time(const Search &search, gint32 time) {
+gint32 _move_towards_time(Search &search, gint32 time) {
   if (time_of(last_gop(*search.parser)) < time) {
     PLX_INFO("ReadNextGOPTable");
     return _read_next(search);
@@ -227,7 +222,7 @@ gint32 _move_towards_time(const Search &search, gint32 time) {
   return 0;
 }
 
-gint32 _move_towards_offset(const Search &search, gint64 offset) {
+gint32 _move_towards_offset(Search &search, gint64 offset) {
   if (offset_of(last_gop(*search.parser)) < offset) return _read_next(search);
   if (offset_of(first_gop(*search.parser)) > offset) return _read_previous(search);
   return 0;
@@ -290,34 +285,39 @@ gint32 _walk_on_to_offset(GstIndexParser *parser, gint64 offset) {
 gint32 gst_index_parser_binary_search_by_time(GstIndexParser *parser, gint32 start, gint32 end,
                                               gint32 time) {
   if (parser == nullptr) return kFailed;
-  return _search<ByTime>(_begin_search(parser), {start, end}, time, 1);
+  Search search(parser);
+  return _search<ByTime>(search, {start, end}, time, 1);
 }
 
 gint32 gst_index_parser_binary_search_by_pts(GstIndexParser *parser, gint32 start, gint32 end,
                                              guint64 pts) {
   if (parser == nullptr) return kFailed;
-  return _search<ByPts>(_begin_search(parser), {start, end}, pts, 1);
+  Search search(parser);
+  return _search<ByPts>(search, {start, end}, pts, 1);
 }
 
 gint32 gst_index_parser_binary_search_by_offset(GstIndexParser *parser, gint32 start, gint32 end,
                                                 gint64 offset) {
   if (parser == nullptr) return kFailed;
-  return _search_by_offset(_begin_search(parser), {start, end}, offset, 1);
+  Search search(parser);
+  return _search_by_offset(search, {start, end}, offset, 1);
 }
 
 gint32 gst_index_parser_search_n_load_gop_table_by_time(GstIndexParser *parser, gint32 time) {
   if (parser == nullptr) return kFailed;
-  return _search_file_by_time(_begin_search(parser), time);
+  Search search(parser);
+  return _search_file_by_time(search, time);
 }
 
 gint32 gst_index_parser_search_n_load_gop_table_by_offset(GstIndexParser *parser, gint64 offset) {
   if (parser == nullptr) return kFailed;
-  return _search_file_by_offset(_begin_search(parser), offset);
+  Search search(parser);
+  return _search_file_by_offset(search, offset);
 }
 
 gint32 gst_index_parser_refresh_cached_gop_by_time(GstIndexParser *parser, gint32 time) {
   if (!has_cache(parser)) return kFailed;
-  const Search search = _begin_search(parser);
+  Search search(parser);
   const gint32 moved = _move_towards_time(search, time);
   if (moved < 0) return moved;
   if (gst_index_parser_is_target_time_gop_cached(parser, time) == GST_INDEX_TARGET_CACHED) {
@@ -332,7 +332,7 @@ gint32 gst_index_parser_refresh_cached_gop_by_time(GstIndexParser *parser, gint3
 gint32 gst_index_parser_refresh_cached_gop_by_offset(GstIndexParser *parser, gint64 offset) {
   if (!has_cache(parser)) return kFailed;
   if (!gst_index_parser_check_gop_loaded(parser)) return kFailed;
-  const Search search = _begin_search(parser);
+  Search search(parser);
   const gint32 moved = _move_towards_offset(search, offset);
   if (moved < 0) return moved;
   if (gst_index_parser_is_target_offset_gop_cached(parser, offset) == GST_INDEX_TARGET_CACHED) {

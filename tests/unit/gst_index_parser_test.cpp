@@ -22,6 +22,66 @@ std::vector<uint8_t> bytes_of(const pvr_base_table_s &table) {
   return bytes;
 }
 
+// --- layout of what callers hold
+
+// Field by field: where it is on 32-bit and on 64-bit x86. Callers compile these offsets in.
+struct Field {
+  const char *name;
+  size_t offset, on_32_bit, on_64_bit;
+};
+
+void expect_layout(const std::vector<Field> &fields) {
+  for (const Field &field : fields) {
+    EXPECT_EQ(field.offset, sizeof(void *) == 4 ? field.on_32_bit : field.on_64_bit) << field.name;
+  }
+}
+
+TEST(GstIndexParserLayout, EveryFieldOfAParserIsWhereCallersExpectIt) {
+#define FIELD(field, on_32_bit, on_64_bit) \
+  Field{#field, offsetof(GstIndexParser, field), on_32_bit, on_64_bit}
+  expect_layout({
+      FIELD(cached_current_index, 0, 0),
+      FIELD(cached_start_index, 4, 4),
+      FIELD(cached_end_index, 8, 8),
+      FIELD(cached_start_abs_index, 12, 12),
+      FIELD(cached_end_abs_index, 16, 16),
+      FIELD(base_table, 20, 20),
+      FIELD(gop_cache, 4108, 4112),
+      FIELD(index_file, 4112, 4120),
+      FIELD(base_table_size, 4116, 4128),
+      FIELD(channel_info_size, 4120, 4132),
+      FIELD(gop_info_size, 4124, 4136),
+      FIELD(gop_start_offset, 4128, 4140),
+      FIELD(is_started, 4132, 4144),
+      FIELD(is_pelko_mdb, 4136, 4148),
+  });
+#undef FIELD
+  EXPECT_EQ(sizeof(GstIndexParser), sizeof(void *) == 4 ? 4140u : 4152u);
+}
+
+TEST(GstIndexParserLayout, EveryFieldOfAFrameIsWhereCallersExpectIt) {
+#define FIELD(field, everywhere) Field{#field, offsetof(frameData, field), everywhere, everywhere}
+  expect_layout({
+      FIELD(stream_offset, 0),
+      FIELD(next_gop_frame_offset, 8),
+      FIELD(pts, 16),
+      FIELD(next_gop_pts, 24),
+      FIELD(mdb_offset, 32),
+      FIELD(length, 36),
+      FIELD(timecode, 40),
+      FIELD(next_gop_timecode, 44),
+      FIELD(last_frame_timecode, 48),
+      FIELD(channel_index, 52),
+      FIELD(video_pid, 54),
+      FIELD(video_format, 56),
+      FIELD(has_seq_header, 57),
+      FIELD(is_valid, 58),
+      FIELD(cached_index, 60),
+  });
+#undef FIELD
+  EXPECT_EQ(sizeof(frameData), 64u);
+}
+
 // --- init
 
 TEST(GstIndexParserInit, ClearsTheWindowAndTheFlagsAndKeepsTheHandle) {

@@ -51,6 +51,7 @@ TEST_F(SearchTest, RangeOfOneGopIsFoundAtOnce) {
   EXPECT_EQ(by_pts(7, 7, 0), 1);
   EXPECT_EQ(by_offset(7, 7, 0), 1);
   EXPECT_EQ(reads_, 0);
+  EXPECT_EQ(sizes_, 0) << "the file is not even looked at";
   EXPECT_TRUE(LogCapture::messages().empty());
 }
 
@@ -212,6 +213,7 @@ TEST_F(SearchTest, EmptyRangeOfOffsetsIsFoundWithoutALoad) {
   EXPECT_EQ(by_offset(0, -1, 5), 1);
   EXPECT_EQ(by_offset(9, 3, 5), 1);
   EXPECT_EQ(reads_, 0);
+  EXPECT_EQ(sizes_, 0);
 }
 
 TEST_F(SearchTest, OffsetHitIsToldAtErrorLevel) {
@@ -467,6 +469,7 @@ TEST_F(RefreshTest, TimeInTheWindowNeedsNoLoad) {
   begin_at(1000, 100);
   EXPECT_GE(gst_index_parser_refresh_cached_gop_by_time(&parser_, 100 * 500), 0);
   EXPECT_EQ(reads_, 0);
+  EXPECT_EQ(sizes_, 0);
 }
 
 TEST_F(RefreshTest, FailedNeighbourByTimeIsHandedOn) {
