@@ -29,7 +29,7 @@ typedef struct _GstCutParam {
   GstCutBufferMgr *cut_buffer_mgr; /* null once the manager is gone */
   /*< private >*/
   GMutex link_lock;      /* guards cut_buffer_mgr against a manager that goes while a cut waits */
-  gint is_busy;          /* 1 from a cut's start until its task has stopped itself, -1 no thread */
+  gint is_busy;          /* above 0 from a cut's start until its task has stopped, -1 no thread */
   gint is_owned_by_task; /* 1: freed with the task, which a manager's destroy does not wait for */
 } GstCutParam;
 

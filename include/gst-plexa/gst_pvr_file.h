@@ -142,8 +142,8 @@ GST_PLEXA_API gint32 gst_pvr_file_init(GstPvrFile *file);
 /**
  * Release a handle's lock. Close the handle first: all that is released here of a file that is
  * still open is what others would stumble over, a connection to the companion box and a live
- * time-shift stream's place among the handles of its recording (which waits for a cut that is under
- * way).
+ * time-shift stream's place among the handles of its recording (which waits for a cut that works on
+ * them, and gives up a writer's own that has not begun).
  *
  * @param file  Handle; one that has no lock (never initialised but zeroed, or deinitialised before)
  *              and null are left alone.

@@ -178,7 +178,7 @@ void _let_go_of_cut_param(GstCutBufferMgr *mgr) {
   param->cut_buffer_mgr = nullptr;
   GstTask *const task = param->task;
   g_mutex_unlock(&param->link_lock);
-  plexa::_give_back_cut(mgr->key, param);
+  plexa::_abandon_cut(mgr->key, param);
   if (task != nullptr) {
     gst_object_unref(task);
   } else {
@@ -274,8 +274,9 @@ gboolean gst_cut_mgr_do_cut(GstCutBufferMgr *mgr) {
     gst_cut_mgr_error_process(mgr);
     return FALSE;
   }
-  if (g_atomic_int_get(&mgr->cut_param->is_busy) == plexa::kTaskIdle) _fill_cut_param(mgr, offset);
-  if (plexa::_start_cut_task(mgr->cut_param)) return TRUE;
+  const gint state = plexa::_settle_task(mgr->cut_param);
+  if (state == plexa::kTaskIdle) _fill_cut_param(mgr, offset);
+  if (plexa::_start_cut_task(mgr->cut_param, state)) return TRUE;
   gst_cut_mgr_error_process(mgr);
   return FALSE;
 }

@@ -41,6 +41,10 @@ class Operation {
   Operation(const Operation &) = delete;
   Operation &operator=(const Operation &) = delete;
   explicit operator bool() const noexcept { return entered_; }
+  static Operation last(guint32 key) noexcept {
+    plexa::_enter_last_operation(key);
+    return {key, true};
+  }
 
   // The operation is the handle's last one.
   void leave_for_good(GstPvrFile *file) noexcept {
@@ -51,6 +55,7 @@ class Operation {
   }
 
  private:
+  Operation(guint32 key, bool entered) noexcept : key_(key), entered_(entered) {}
   guint32 key_;
   bool entered_;
 };
@@ -139,6 +144,15 @@ void _destroy_manager(GstCutFile *cut) {
   cut->cut_buffer_mgr = nullptr;
 }
 
+gint64 _close_entered(GstPvrFile *file, Operation &operation) {
+  GstCutFile *const cut = state_of(file);
+  const gint64 result = _close_descriptor(file);
+  _destroy_manager(cut);
+  if (cut->key >= 0) operation.leave_for_good(file);
+  _forget_path(cut);
+  return result;
+}
+
 // ---- Writing ----
 
 struct FreeMemory {
@@ -221,11 +235,13 @@ gint64 gst_cut_file_close(GstPvrFile *file, gint64 *total_cut_offset, gint32 *to
     *total_cut_offset = gst_shared_cut_info_get_total_cutoffset(info);
   }
   if (total_cut_time != nullptr) *total_cut_time = gst_shared_cut_info_get_total_cuttime(info);
-  const gint64 result = _close_descriptor(file);
-  _destroy_manager(cut);
-  if (cut->key >= 0) operation.leave_for_good(file);
-  _forget_path(cut);
-  return result;
+  return _close_entered(file, operation);
+}
+
+void plexa::cut_file_release(GstPvrFile *file) noexcept {
+  if (state_of(file)->key < 0) return;
+  Operation operation = Operation::last(_key_of(state_of(file)));
+  _close_entered(file, operation);
 }
 
 gint64 gst_cut_file_read(GstPvrFile *file, void *buffer, gint64 size) {

@@ -57,9 +57,9 @@ void _wait_for_turn(GstCutParam *param) {
 }
 
 // A claim that the task holds is given back last: whoever gets it next finds a task that has been
-// told to stop, and waits for its end before starting it again.
+// told to stop, and waits for its end before starting it again. Operations are let in behind it,
+// too, so that the writer's very next write may start the next cut.
 void _stop(GstCutParam *param) {
-  PLX_ERROR("[PLG_ERR] _gst_cut_thread_loop gst_task_stop");
   if (param->task != nullptr) gst_task_stop(param->task);
   g_atomic_int_set(&param->is_busy, plexa::kTaskIdle);
 }
@@ -124,10 +124,12 @@ void _free_with_task(void *cut_param) {
 
 void _make_task(GstCutParam *param) {
   PLX_ERROR("[PLG_ERR] gst_cut_thread_create_task");
-  GstTask *const task = gst_task_new(plexa::_gst_cut_thread_loop, param,
-                                     param->is_owned_by_task != 0 ? _free_with_task : nullptr);
+  GstTask *const task = gst_task_new(plexa::_gst_cut_thread_loop, param, nullptr);
   if (!GST_IS_TASK(task)) return;
   param->task = task;
+  if (param->is_owned_by_task != 0) {
+    g_object_set_data_full(G_OBJECT(task), kTaskName, param, _free_with_task);
+  }
   g_rec_mutex_init(&param->task_lock);
   gst_task_set_lock(task, &param->task_lock);
   if (!gst_object_set_name(GST_OBJECT(task), kTaskName)) {
@@ -207,25 +209,30 @@ bool _gst_cut_thread_seek_all(GstCutParam *param) {
 void _gst_cut_thread_loop(void *cut_param) {
   auto *const param = static_cast<GstCutParam *>(cut_param);
   if (param == nullptr) return;
-  if (_is_manager_gone(param)) return _stop(param);
-  const CutStart start = _begin_cut(param->key);
+  const CutStart start = _is_manager_gone(param) ? CutStart::kNoRegistry : _begin_cut(param->key);
   if (start == CutStart::kBusy) return _wait_for_turn(param);
   if (start == CutStart::kStarted) {
     // The manager cannot go any more, unless it went while this pass began.
     if (!_is_manager_gone(param)) _run_steps(param);
-    _end_cut(param->key);
+    g_atomic_int_set(&param->is_busy, kTaskEnding);
+    _unmark_cut(param->key);
   }
+  PLX_ERROR("[PLG_ERR] _gst_cut_thread_loop gst_task_stop");
   _stop(param);
+  if (start == CutStart::kStarted) return _end_cut(param->key, param);
   _give_back_cut(param->key, param);
 }
 
-bool _start_cut_task(GstCutParam *param) noexcept {
+gint _settle_task(GstCutParam *param) noexcept {
   const gint state = g_atomic_int_get(&param->is_busy);
-  if (param->task == nullptr) {
-    _make_task(param);
-  } else if (state == kTaskIdle) {
-    gst_task_join(param->task);  // its last pass is over, or about to be
-  }
+  if (param->task == nullptr || state == kTaskBusy || state == kTaskLost) return state;
+  gst_task_join(param->task);  // its last pass is over, or about to be
+  return kTaskIdle;
+}
+
+bool _start_cut_task(GstCutParam *param, gint state) noexcept {
+  gst_shared_info_get();  // from here on a registry that is not there has been removed
+  if (param->task == nullptr) _make_task(param);
   PLX_ERROR("[PLG_ERR] gst_task_start");
   if (param->task == nullptr || state == kTaskLost) return false;
   // Its cut is still to come, or has just been: one that has told itself to stop must not go on.
@@ -246,4 +253,6 @@ void _free_cut_param(GstCutParam *param) noexcept {
 
 }  // namespace plexa
 
-void gst_cut_thread_create_task(GstCutParam *cut_param) { plexa::_start_cut_task(cut_param); }
+void gst_cut_thread_create_task(GstCutParam *cut_param) {
+  plexa::_start_cut_task(cut_param, plexa::_settle_task(cut_param));
+}

@@ -122,11 +122,12 @@ gint64 gst_edit_unit_erase_record(const gchar *path, gint64 start_offset, gint64
   if (gst_zeb_is_need_socket() == 1) {
     return gst_pvr_file_cut_file(path, start_offset, end_offset, new_name);
   }
-  Descriptor descriptor(open64(path, O_RDWR | O_CREAT | O_CLOEXEC, kCreatedMode));
+  Descriptor descriptor(open64(path, O_RDWR | O_CREAT, kCreatedMode));
   if (descriptor.get() < 0) {
     PLX_ERROR("[PLG_ERR] File Open Error");
     return GST_EDIT_UNIT_FAILED;
   }
+  fcntl(descriptor.get(), F_SETFD, FD_CLOEXEC);  // best effort: programs that the process starts
   if (std::strlen(path) > kLongestPath) {
     PLX_ERROR("[PLG_ERR] The input file name is too long, please check");
     return GST_EDIT_UNIT_NOT_NEEDED;

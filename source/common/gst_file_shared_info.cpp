@@ -301,6 +301,15 @@ bool _enter_operation(guint32 key) noexcept {
   return true;
 }
 
+void _enter_last_operation(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  while (g_guards[key].is_cut_at_work) {
+    pthread_cond_wait(&g_cut_ended, &g_lib_shared_info.registry_mutex);
+  }
+  _count_in(key);
+}
+
 void _leave_operation(guint32 key) noexcept {
   REFUSE_BAD_KEY(key, );
   const MutexHold hold(g_lib_shared_info.registry_mutex);
@@ -348,6 +357,15 @@ void _give_back_cut(guint32 key, const void *owner) noexcept {
   if (g_guards[key].claim == owner) g_guards[key].claim = nullptr;
 }
 
+void _abandon_cut(guint32 key, const void *owner) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  if (g_guards[key].claim != owner) return;
+  g_guards[key].claim = nullptr;
+  if (g_lib_shared_info.registry != nullptr) g_lib_shared_info.registry->items[key].cut_mode = 0;
+  pthread_cond_broadcast(&g_cut_ended);
+}
+
 CutStart _begin_cut(guint32 key) noexcept {
   REFUSE_BAD_KEY(key, CutStart::kNoRegistry);
   const MutexHold hold(g_lib_shared_info.registry_mutex);
@@ -357,11 +375,17 @@ CutStart _begin_cut(guint32 key) noexcept {
   return CutStart::kStarted;
 }
 
-void _end_cut(guint32 key) noexcept {
+void _unmark_cut(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, );
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  if (g_lib_shared_info.registry != nullptr) g_lib_shared_info.registry->items[key].cut_mode = 0;
+}
+
+void _end_cut(guint32 key, const void *owner) noexcept {
   REFUSE_BAD_KEY(key, );
   const MutexHold hold(g_lib_shared_info.registry_mutex);
   g_guards[key].is_cut_at_work = false;
-  if (g_lib_shared_info.registry != nullptr) g_lib_shared_info.registry->items[key].cut_mode = 0;
+  if (g_guards[key].claim == owner) g_guards[key].claim = nullptr;
   pthread_cond_broadcast(&g_cut_ended);
 }
 

@@ -32,6 +32,10 @@ void _release_slot(GstSharedInfo *table, guint32 key) noexcept;
 // Waits while a cut is in progress, 2 seconds at most, and counts the caller as running. False: the
 // cut was still in progress, nothing is counted. A bad key counts nothing and is let in.
 bool _enter_operation(guint32 key) noexcept;
+// The same for the last operation of a handle that is given up: a cut that still waits for its turn
+// is not waited for, since it cannot begin meanwhile; one that works on the handles is waited for
+// without a limit.
+void _enter_last_operation(guint32 key) noexcept;
 void _leave_operation(guint32 key) noexcept;
 // The end of a handle: leaves its last operation and deletes its listed item, without a gap in
 // which a cut could find the closed handle in the list.
@@ -49,13 +53,18 @@ Opening _open_item(const gchar *path, bool reader, GstPvrFile *handle, gint32 *k
 // claim that is granted sets cut_mode, and stands until it is given back or the slot is released.
 bool _claim_cut(guint32 key, const void *owner) noexcept;
 void _give_back_cut(guint32 key, const void *owner) noexcept;
+// The same for an owner that goes: the mark that its claim has set goes, too.
+void _abandon_cut(guint32 key, const void *owner) noexcept;
 
 enum class CutStart { kStarted, kBusy, kNoRegistry };
 
 // Keeps operations out from now on, unless one is running or another cut is at work.
 CutStart _begin_cut(guint32 key) noexcept;
-// Clears the mark and cut_mode; lets the waiting operations in.
-void _end_cut(guint32 key) noexcept;
+// Clears cut_mode, which everyone sees. Operations are still kept out.
+void _unmark_cut(guint32 key) noexcept;
+// Clears the mark and lets the waiting operations in. An owner's claim is given back in the same
+// step, so that none of them meets a cut that is over but not out of the way.
+void _end_cut(guint32 key, const void *owner = nullptr) noexcept;
 // Waits until a cut could begin, or the time is over.
 void _wait_for_operations(guint32 key, int milliseconds) noexcept;
 

@@ -19,6 +19,7 @@
 #include "gst-plexa/gst_normal_file.h"
 #include "gst-plexa/gst_socket_file.h"
 #include "gst-plexa/gst_zeb.h"
+#include "gst_cut_internal.h"
 #include "gst_socket_file_internal.h"
 #include "gst_socket_protocol.h"
 
@@ -144,13 +145,10 @@ void _gst_pvr_file_new_file(GstPvrFile *file, guint32 append_mode) {
 
 // What outlives a close that was left out, or one that failed: a socket file's connection, and a
 // cut file's place in the list of handles that the next cut goes through. The table tells which
-// back-end the state belongs to. A cut that is under way is waited for, since it works on the
-// handle.
+// back-end the state belongs to.
 void release_shared_state(GstPvrFile *file) {
   if (file->ops.close == gst_socket_file_close) plexa::socket_file_release(file);
-  if (file->ops.close != close_cut_file) return;
-  while (file->var.state.cut.key >= 0 && close_cut_file(file) == GST_CUT_FILE_BUSY) {
-  }
+  if (file->ops.close == close_cut_file) plexa::cut_file_release(file);
 }
 
 // A handle may be opened again without a close.

@@ -184,7 +184,7 @@ class CutTest : public ::testing::Test {
   }
   // Until the task is through with its cut, its thread included.
   static void finish_cut(GstCutParam *param) {
-    ASSERT_TRUE(wait_until([param] { return g_atomic_int_get(&param->is_busy) != 1; }));
+    ASSERT_TRUE(wait_until([param] { return g_atomic_int_get(&param->is_busy) <= 0; }));
     if (param->task != nullptr && param->is_busy == 0) gst_task_join(param->task);
   }
   static void finish_cut(CutHandle &writer) { finish_cut(writer.mgr()->cut_param); }

@@ -12,8 +12,11 @@
 
 namespace {
 
-bool no_task = false;  // GStreamer makes none
-bool no_name = false;  // and gives it no name
+bool no_task = false;                  // GStreamer makes none
+bool no_name = false;                  // and gives it no name
+bool with_notify = false;              // and was asked to tell when the task goes
+std::atomic<bool> dawdles{false};      // it takes its time to stop the next task
+std::atomic<bool> is_stopping{false};  // and is at it, or has been
 
 template <class Function>
 Function gstreamers_own(const char *name) {
@@ -25,6 +28,7 @@ Function gstreamers_own(const char *name) {
 GstTask *gst_task_new(GstTaskFunction function, gpointer data, GDestroyNotify notify) {
   static const auto own =
       gstreamers_own<GstTask *(*)(GstTaskFunction, gpointer, GDestroyNotify)>("gst_task_new");
+  with_notify = notify != nullptr;
   return no_task ? nullptr : own(function, data, notify);
 }
 
@@ -32,6 +36,15 @@ gboolean gst_object_set_name(GstObject *object, const gchar *name) {
   static const auto own =
       gstreamers_own<gboolean (*)(GstObject *, const gchar *)>("gst_object_set_name");
   return no_name ? FALSE : own(object, name);
+}
+
+gboolean gst_task_stop(GstTask *task) {
+  static const auto own = gstreamers_own<gboolean (*)(GstTask *)>("gst_task_stop");
+  if (dawdles.exchange(false)) {
+    is_stopping = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  }
+  return own(task);
 }
 
 namespace plexa_test {
@@ -56,6 +69,7 @@ class CutThreadTest : public CutTest {
  protected:
   void SetUp() override {
     no_task = no_name = false;
+    dawdles = is_stopping = false;
     write_index(30);
     ASSERT_EQ(writer_.open(rec_, kWrites), 1);
     ASSERT_EQ(gst_cut_file_set_max_time(writer_.get(), 2000, 5000), 1);
@@ -344,6 +358,7 @@ TEST_F(PassTest, CutsInThisOrderWhenNothingRuns) {
        fmg("diff_time:3000,max_time:5000,cutbuf_starttime:2000"), kStop}));
   EXPECT_EQ(LogCapture::messages().back(), kStop);
   EXPECT_EQ(LogCapture::lines().back().priority, kError);
+  EXPECT_EQ(LogCapture::lines().back().function, "_gst_cut_thread_loop");
   EXPECT_FALSE(is_cutting());
   EXPECT_EQ(param().retry_count, 0);
   expect_reading_goes_on(3 * kUnit);
@@ -566,6 +581,7 @@ TEST_F(CutThreadTest, TheFirstCutMakesTheTaskAndTheOthersStartItAgain) {
   ASSERT_NE(task, nullptr);
   EXPECT_STREQ(GST_OBJECT_NAME(task), "_gst_cut_thread_loop");
   EXPECT_EQ(GST_TASK_GET_LOCK(task), &param().task_lock);
+  EXPECT_FALSE(with_notify);
   EXPECT_EQ(LogCapture::count(kError, kCreate), 1);
   EXPECT_EQ(LogCapture::count(kError, kStart), 1);
   EXPECT_TRUE(logged_in_order({kCreate, kStart, kStop}));
@@ -584,6 +600,26 @@ TEST_F(CutThreadTest, TheFirstCutMakesTheTaskAndTheOthersStartItAgain) {
   EXPECT_EQ(removals().size(), 3u);
   EXPECT_EQ(total_cut(), 9 * kUnit);
   EXPECT_EQ(cut_point(), 14000);
+}
+
+// The mark is gone, and the task is not out of the way yet.
+TEST_F(CutThreadTest, TheFirstWriteBehindACutMayStartTheNext) {
+  dawdles = true;
+  start_cut();
+  ASSERT_TRUE(wait_until([] { return is_stopping.load(); }));
+  EXPECT_FALSE(is_cutting());
+  EXPECT_EQ(write_unit(writer_, 8000), kUnit);
+  finish_cut(writer_);
+  EXPECT_EQ(removals().size(), 2u);
+}
+
+TEST_F(CutThreadTest, ATaskThatIsAboutToStopIsStartedAgain) {
+  dawdles = true;
+  gst_cut_thread_create_task(&param());
+  ASSERT_TRUE(wait_until([] { return is_stopping.load(); }));
+  gst_cut_thread_create_task(&param());
+  finish_cut(writer_);
+  EXPECT_EQ(removals().size(), 2u);
 }
 
 TEST_F(CutThreadTest, ATaskWithoutANameRunsAllTheSame) {
@@ -649,6 +685,26 @@ TEST_F(CutThreadTest, ACutOfARecordingThatNobodyHasOpenIsASuccess) {
   gst_cut_mgr_destroy(&mgr);
 }
 
+TEST_F(CutTest, ACutMayBeTheFirstThatAProcessAsksOfTheRegistry) {
+  write_file(rec_, bytes_at(0, 8 * kUnit));
+  write_index(20);
+  GstCutBufferMgr mgr;
+  ASSERT_TRUE(gst_cut_mgr_create(&mgr, rec_.c_str(), 0, 0));
+  ASSERT_TRUE(gst_cut_mgr_set_max_time(&mgr, 2000, 5000, 0));
+  ASSERT_EQ(g_lib_shared_info.registry, nullptr);
+  GstCutParam &record = *mgr.cut_param;
+  record.file_path = rec_.c_str();
+  record.cutbuf_starttime = 2000;
+  record.max_time = 5000;
+  record.cut_offset = kUnit;
+  record.cut_buffer_mgr = &mgr;
+  gst_cut_thread_create_task(&record);
+  finish_cut(&record);
+  EXPECT_EQ(record.removed_bytes, kUnit);
+  EXPECT_EQ(total_cut(), kUnit);
+  gst_cut_mgr_destroy(&mgr);
+}
+
 // ---- Busy readers, and managers that go ----
 
 TEST_F(CutThreadTest, AReaderThatIsBusyForTooLongSwitchesCuttingOffAndTheCutStillHappens) {
@@ -684,6 +740,42 @@ TEST_F(CutThreadTest, AManagerThatGoesWhileItsCutWaitsTakesTheCutAlong) {
   int another = 0;
   EXPECT_TRUE(plexa::_claim_cut(0, &another)) << "the claim is free";
   mark_cut(false);
+}
+
+TEST_F(CutThreadTest, AWriterThatIsGivenUpTakesItsPendingCutAlong) {
+  ASSERT_TRUE(plexa::_claim_cut(0, &param()));
+  plexa::cut_file_release(writer_.get());
+  EXPECT_EQ(writer_.state().key, -1);
+  EXPECT_FALSE(is_cutting()) << "nobody else would take the mark back";
+  int another = 0;
+  EXPECT_TRUE(plexa::_claim_cut(0, &another)) << "the claim is free";
+  mark_cut(false);
+}
+
+TEST_F(CutThreadTest, AHandleThatIsGivenUpLeavesAnothersPendingCutAlone) {
+  int another = 0;
+  ASSERT_TRUE(plexa::_claim_cut(0, &another));
+  plexa::cut_file_release(near_.get());
+  plexa::cut_file_release(writer_.get());
+  EXPECT_TRUE(is_cutting());
+  mark_cut(false);
+  EXPECT_EQ(far_.read(100).size(), 100u);
+}
+
+TEST_F(CutThreadTest, AHandleIsNotGivenUpWhileACutWorksOnIt) {
+  ASSERT_EQ(plexa::_begin_cut(0), plexa::CutStart::kStarted);
+  std::atomic<bool> is_ended{false};
+  bool was_ended = false;
+  std::thread owner([&] {
+    plexa::cut_file_release(near_.get());
+    was_ended = is_ended;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  is_ended = true;
+  plexa::_end_cut(0);
+  owner.join();
+  EXPECT_TRUE(was_ended);
+  EXPECT_EQ(near_.state().descriptor, -1);
 }
 
 TEST_F(CutThreadTest, ACloseBehindTheCutPointWaitsForTheCut) {

@@ -202,7 +202,7 @@ TEST_F(EditUnitTest, EraseTakesTheRangeAsItIs) {
 TEST_F(EditUnitTest, TheStepsOfAnEraseComeInThisOrder) {
   Faults faults;
   EXPECT_EQ(erase(dir_.file("new.kvf").c_str()), 0);
-  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fsync", "close", "rename"));
+  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fcntl", "fsync", "close", "rename"));
 }
 
 TEST_F(EditUnitTest, EraseOpensForReadingAndWritingAndCreates) {
@@ -210,7 +210,24 @@ TEST_F(EditUnitTest, EraseOpensForReadingAndWritingAndCreates) {
   Faults faults;
   faults.watch("open64", [&](int, const char *, long long asked) { flags = asked; });
   EXPECT_EQ(erase(), 0);
-  EXPECT_EQ(flags, O_RDWR | O_CREAT | O_CLOEXEC);
+  EXPECT_EQ(flags, O_RDWR | O_CREAT);
+}
+
+TEST_F(EditUnitTest, ProgramsThatAreStartedMeanwhileDoNotInheritTheDescriptor) {
+  int flags = -1;
+  fake_platform().truncate_range = [&](int fd, int64_t, int64_t, const std::string &) {
+    flags = fcntl(fd, F_GETFD);
+    return 0;
+  };
+  EXPECT_EQ(erase(), 0);
+  EXPECT_EQ(flags, FD_CLOEXEC);
+}
+
+TEST_F(EditUnitTest, ADescriptorThatWouldBeInheritedIsGoodEnough) {
+  Faults faults;
+  faults.fail("fcntl", EPERM);
+  EXPECT_EQ(erase(), 0);
+  EXPECT_EQ(asked_.size(), 1u);
 }
 
 TEST_F(EditUnitTest, AMissingFileIsCreatedWithMode0744) {
@@ -282,7 +299,7 @@ TEST_F(LongPathTest, Of256CharactersIsRefusedAfterItWasOpened) {
   ASSERT_EQ(path.size(), 256u);
   Faults faults;
   EXPECT_EQ(gst_edit_unit_erase_record(path.c_str(), 0, kUnit, nullptr), 80000003);
-  EXPECT_THAT(faults.calls(), ElementsAre("open64", "close"));
+  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fcntl", "close"));
   EXPECT_TRUE(exists(dir_.file("new.kvf")));
   EXPECT_THAT(asked_, IsEmpty());
   EXPECT_EQ(LogCapture::messages(kError).back(),
@@ -301,7 +318,7 @@ TEST_F(EditUnitTest, AFailedRemovalIsReportedWithItsCauseAndClosesTheFile) {
   faults.fail("close", EIO);  // does not hide the first error
   EXPECT_EQ(erase(dir_.file("new.kvf").c_str()), -1);
   EXPECT_EQ(errno, ENOSPC);
-  EXPECT_THAT(faults.calls(), ElementsAre("open64", "close"));
+  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fcntl", "close"));
   EXPECT_THAT(LogCapture::messages(kError),
               ElementsAre(erasing(10, 20),
                           "[EXT_EDT] [PLG_ERR] FTRUNCATERANGE return error, errno=[28:No space "
@@ -313,7 +330,7 @@ TEST_F(EditUnitTest, AFailedFlushIsReportedAfterTheRemovalAndClosesTheFile) {
   faults.fail("fsync", EIO);
   EXPECT_EQ(erase(dir_.file("new.kvf").c_str()), -1);
   EXPECT_EQ(errno, EIO);
-  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fsync", "close"));
+  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fcntl", "fsync", "close"));
   EXPECT_THAT(LogCapture::messages(kError),
               ElementsAre(erasing(10, 20), erased(),
                           "[EXT_EDT] [PLG_ERR] fsync return error, errno=[5:Input/output "
@@ -324,7 +341,7 @@ TEST_F(EditUnitTest, AFailedCloseIsReportedAndNotRepeated) {
   Faults faults;
   faults.fail("close", EIO);
   EXPECT_EQ(erase(dir_.file("new.kvf").c_str()), -1);
-  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fsync", "close"));
+  EXPECT_THAT(faults.calls(), ElementsAre("open64", "fcntl", "fsync", "close"));
   EXPECT_EQ(LogCapture::messages(kError).back(),
             "[EXT_EDT] [PLG_ERR] close return error, errno=[5:Input/output error]\n");
 }

@@ -762,9 +762,50 @@ TEST_F(OperationsTest, ACutThatEndsTakesTheMarkBack) {
   mark(true, 1);
   ASSERT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
   EXPECT_TRUE(is_marked());
-  plexa::_end_cut(0);
+  plexa::_unmark_cut(0);
   EXPECT_FALSE(is_marked());
   EXPECT_TRUE(is_marked(1));
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy) << "it is not over";
+  mark(true);
+  plexa::_end_cut(0);
+  EXPECT_TRUE(is_marked()) << "another's by now";
+  mark(false);
+  EXPECT_TRUE(may_cut());
+}
+
+TEST_F(OperationsTest, ACutThatEndsGivesItsOwnersClaimBack) {
+  int owner = 0;
+  int another = 0;
+  ASSERT_TRUE(plexa::_claim_cut(0, &owner));
+  ASSERT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
+  plexa::_end_cut(0, &another);
+  EXPECT_FALSE(plexa::_claim_cut(0, &another));
+  ASSERT_EQ(plexa::_begin_cut(0), CutStart::kStarted);
+  plexa::_end_cut(0, &owner);
+  EXPECT_TRUE(plexa::_claim_cut(0, &another));
+}
+
+TEST_F(OperationsTest, AnOwnerThatGoesTakesItsMarkAlong) {
+  int owner = 0;
+  int another = 0;
+  ASSERT_TRUE(plexa::_claim_cut(0, &owner));
+  plexa::_abandon_cut(0, &another);
+  EXPECT_TRUE(is_marked());
+  plexa::_abandon_cut(0, &owner);
+  EXPECT_FALSE(is_marked());
+  EXPECT_TRUE(plexa::_claim_cut(0, &another));
+  gst_shared_info_remove(table_);
+  plexa::_abandon_cut(0, nullptr);
+  table_ = gst_shared_info_get();
+}
+
+TEST_F(OperationsTest, ALastOperationWaitsForNoMark) {
+  mark(true);
+  plexa::_enter_last_operation(0);
+  EXPECT_EQ(running(), 1);
+  EXPECT_EQ(plexa::_begin_cut(0), CutStart::kBusy);
+  plexa::_leave_operation(0);
+  mark(false);
 }
 
 TEST_F(OperationsTest, NoCutBeginsWithoutARegistryOrAKey) {
@@ -840,6 +881,9 @@ TEST_F(OperationsTest, EveryCallWithAKeyRefusesOneAbove3) {
       [this](guint32 key) { EXPECT_FALSE(plexa::_claim_cut(key, this)); },
       [this](guint32 key) { plexa::_give_back_cut(key, this); },
       [](guint32 key) { EXPECT_EQ(plexa::_begin_cut(key), CutStart::kNoRegistry); },
+      [](guint32 key) { plexa::_enter_last_operation(key); },
+      [this](guint32 key) { plexa::_abandon_cut(key, this); },
+      [](guint32 key) { plexa::_unmark_cut(key); },
       [](guint32 key) { plexa::_end_cut(key); },
       [](guint32 key) { plexa::_wait_for_operations(key, 60000); },
       [](guint32 key) { EXPECT_EQ(plexa::_listed_handle(key, 0), nullptr); },
@@ -877,8 +921,8 @@ TEST_F(OperationsTest, OperationsAndCutsExcludeEachOther) {
         ++handles;
         std::this_thread::yield();
         ++handles;
-        plexa::_end_cut(0);
-        plexa::_give_back_cut(0, &owner);
+        plexa::_unmark_cut(0);
+        plexa::_end_cut(0, &owner);
         ++cuts;
       }
     }

@@ -416,6 +416,25 @@ TEST_F(CutChoiceTest, AnOpenDuringALongCutIsBusyAndNotOpened) {
   gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, FALSE);
 }
 
+// Nobody may ever take the mark back, and a process must be able to get rid of its handles.
+TEST_F(CutChoiceTest, DeinitWithoutACloseDoesNotWaitForACutThatHasNotBegun) {
+  EXPECT_EQ(open(rec_, {.permission = 1, .type = 1}), 1);
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, TRUE);
+  gst_pvr_file_deinit(&file_);
+  EXPECT_EQ(file_.var.lock, nullptr);
+  EXPECT_EQ(state().key, -1);
+  EXPECT_EQ(state().descriptor, -1);
+  EXPECT_EQ(gst_shared_info_get_item(gst_shared_info_get(), 0)->read_count, 0);
+}
+
+TEST_F(CutChoiceTest, NorDoesAnOpenOfAHandleThatWasNotClosed) {
+  EXPECT_EQ(open(rec_, {.permission = 1, .type = 1}), 1);
+  gst_shared_info_update_cut_mode(gst_shared_info_get(), 0, TRUE);
+  EXPECT_EQ(open(rec_, {.permission = 1}), 1);
+  EXPECT_TRUE(same(file_.ops, kNormalFile));
+  EXPECT_EQ(gst_shared_info_get_item(gst_shared_info_get(), 0)->read_count, 1);
+}
+
 TEST_F(PvrFileOpenTest, WithABoxInUseATimeshiftWriterIsASocketFileToo) {
   const BoxServer box;
   given_a_box_on("2013");
