@@ -78,40 +78,24 @@ void take_over_cut_info(const GstFileSocketIo *socket_io) {
   gst_shared_cut_info_set_fixed_duration(info, socket_io->header_data.fixed_duration);
 }
 
-gint64 _gst_file_socket_io_exchange_open(GstFileSocketIo *socket_io) {
-  if (!prepare(socket_io, plexa::COMMAND_TYPE_OPEN)) return -1;
-  SENT_OR_FAILED(send_request(socket_io), socket_io, SEND_FAILED);
-  const gint32 result = receive(socket_io);
-  if (result >= 0 && socket_io->header_data.command >= 0) return 1;
-  PLX_ERROR("[PLG_ERR] receive packet error ! filePath=[%s], ret=[%d], command=[%d]",
-            path_of(socket_io), result, socket_io->header_data.command);
+// Nothing is left of an open that the box did not answer as it should, but the mark.
+gint64 failed_open(GstFileSocketIo *socket_io) {
+  plexa::release(socket_io);
   return failed(socket_io);
 }
 
+enum class Leave { kTaken, kNotSent, kNotAnswered };
+
 // Also when connect or the allocation of the packet buffer failed; its few bytes need none.
-gint64 _gst_file_socket_io_exchange_close(GstFileSocketIo *socket_io) {
+Leave take_leave(GstFileSocketIo *socket_io) {
   guint8 small[kSmallBufferSize];
   guint8 *const buffer = socket_io->t_pbuf != nullptr ? socket_io->t_pbuf : small;
   const guint32 capacity = buffer == small ? kSmallBufferSize : plexa::kPacketBufferSize;
   plexa::gst_file_socket_io_make_command(socket_io, buffer, plexa::COMMAND_TYPE_CLOSE, {});
-  SENT_OR_FAILED(send_request(socket_io, buffer), socket_io, SEND_FAILED);
+  if (!send_request(socket_io, buffer)) return Leave::kNotSent;
   const gint32 result = plexa::gst_file_socket_io_receive_packet(socket_io, buffer, capacity);
-  if (result >= 0 && socket_io->header_data.command >= 0) return 1;
-  PLX_ERROR("[PLG_ERR] [ZEB::Client] Receive packet error ! filePath=[%s], command=[%d]",
-            path_of(socket_io), socket_io->header_data.command);
-  return failed(socket_io);
-}
-
-gint64 _gst_file_socket_io_take_leave(GstFileSocketIo *socket_io) {
-  if (socket_io->clnt_sock == -1) {
-    PLX_INFO("[ZEB::Client] clnt_sock == -1.");
-    return 1;
-  }
-  if (socket_io->t_bSockErrOccurred != 0) {
-    PLX_INFO("[ZEB::Client] t_bSockErrOccurred == true.");
-    return 1;
-  }
-  return _gst_file_socket_io_exchange_close(socket_io);
+  const bool is_good = result >= 0 && socket_io->header_data.command >= 0;
+  return is_good ? Leave::kTaken : Leave::kNotAnswered;
 }
 
 // A connection for one exchange: gone at the end of the call, however that ends.
@@ -149,20 +133,36 @@ gint64 gst_file_socket_io_open(GstFileSocketIo *socket_io, const gchar *path,
   socket_io->open_mode = open_mode;
   if (plexa::gst_file_socket_io_connect(socket_io) != 1) return -1;
   socket_io->t_pbuf = plexa::allocate_packet_buffer();
-  if (socket_io->t_pbuf == nullptr) {
-    PLX_ERROR("[PLG_ERR] [ZEB::Client] valloc failed! filePath=[%s]", path_of(socket_io));
-    return -1;
-  }
+  if (socket_io->t_pbuf == nullptr) return -1;  // the errno tells
   socket_io->t_bSockErrOccurred = 0;
-  const gint64 result = _gst_file_socket_io_exchange_open(socket_io);
-  if (result < 0) plexa::release(socket_io);
-  return result;
+  prepare(socket_io, plexa::COMMAND_TYPE_OPEN);
+  if (!send_request(socket_io)) {
+    PLX_ERROR(SEND_FAILED, path_of(socket_io));
+    return failed_open(socket_io);
+  }
+  const gint32 result = receive(socket_io);
+  if (result >= 0 && socket_io->header_data.command >= 0) return 1;
+  PLX_ERROR("[PLG_ERR] receive packet error ! filePath=[%s], ret=[%d], command=[%d]",
+            path_of(socket_io), result, socket_io->header_data.command);
+  return failed_open(socket_io);
 }
 
 gint64 gst_file_socket_io_close(GstFileSocketIo *socket_io) {
   PLX_INFO("[ZEB::Client] gst_file_socket_io_close ! filePath=[%s]", path_of(socket_io));
   errno = 0;
-  const gint64 result = _gst_file_socket_io_take_leave(socket_io);
+  gint64 result = 1;
+  if (socket_io->clnt_sock == -1) {
+    PLX_INFO("[ZEB::Client] clnt_sock == -1.");
+  } else if (socket_io->t_bSockErrOccurred != 0) {
+    PLX_INFO("[ZEB::Client] t_bSockErrOccurred == true.");
+  } else if (const Leave leave = take_leave(socket_io); leave == Leave::kNotSent) {
+    PLX_ERROR(SEND_FAILED, path_of(socket_io));
+    result = failed(socket_io);
+  } else if (leave == Leave::kNotAnswered) {
+    PLX_ERROR("[PLG_ERR] [ZEB::Client] Receive packet error ! filePath=[%s], command=[%d]",
+              path_of(socket_io), socket_io->header_data.command);
+    result = failed(socket_io);
+  }
   plexa::release(socket_io);
   socket_io->file_path = nullptr;  // from here on the caller's string may go
   return result;

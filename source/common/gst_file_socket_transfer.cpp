@@ -28,6 +28,15 @@
   ((condition) ? static_cast<void>(0) \
                : __assert_fail(#condition, __FILE_NAME__, __LINE__, __extension__ __func__))
 
+// In the operation itself, so that the log line carries the operation's name.
+#define RECEIVED_OR_FAILED(socket_io, buffer, size)                                         \
+  do {                                                                                      \
+    if (const gint32 n_data = receive_exactly((socket_io), (buffer), (size)); n_data < 1) { \
+      PLX_ERROR("[PLG_ERR] [ZEB::Client] disconnected! n_data=[%d] ", n_data);              \
+      return -1;                                                                            \
+    }                                                                                       \
+  } while (0)
+
 namespace plexa {
 namespace {
 
@@ -57,28 +66,15 @@ bool connect_to(int descriptor, const sockaddr_in &address) {
   return connect(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
-bool receive_exactly(GstFileSocketIo *socket_io, guint8 *buffer, gint32 size) {
+// size, or what the receive gave that ended it: 0 or less.
+gint32 receive_exactly(const GstFileSocketIo *socket_io, guint8 *buffer, gint32 size) {
   for (gint32 done = 0; done < size;) {
     const auto count = static_cast<gint32>(
         recv(socket_io->clnt_sock, buffer + done, static_cast<size_t>(size - done), MSG_WAITALL));
-    if (count <= 0) {
-      PLX_ERROR("[PLG_ERR] [ZEB::Client] disconnected! n_data=[%d] ", count);
-      return false;
-    }
+    if (count <= 0) return count;
     done += count;
   }
-  return true;
-}
-
-void log_header(const GstFileSocketIo *socket_io, const header_data_s &header, gint32 data_size) {
-  PLX_INFO(
-      "[%s]HeaderData: size = [%zu], packet_size = [%d], command = [%d:%s], "
-      "accumulated_time = [%ld], fixed_duration = [%ld], is_job_stopped = [%d], "
-      "lld_return = [%lld], n_data_size = [%d]",
-      path_of(socket_io), sizeof header, header.packet_size, header.command,
-      command_get_name(header.command), static_cast<long>(header.accumulated_time),
-      static_cast<long>(header.fixed_duration), header.is_job_stopped,
-      static_cast<long long>(header.lld_return), data_size);
+  return size;
 }
 
 // What the packets of one READ answer have brought so far.
@@ -198,7 +194,14 @@ gint64 gst_file_socket_io_send_all_for_write(GstFileSocketIo *socket_io, const v
     header.packet_size = static_cast<gint32>(chunk + sizeof(WriteRequest));
     std::memcpy(packet, &header, sizeof header);
     std::memcpy(packet + sizeof(WriteRequest), bytes + sent, chunk);
-    log_header(socket_io, header, static_cast<gint32>(chunk));
+    PLX_INFO(
+        "[%s]HeaderData: size = [%zu], packet_size = [%d], command = [%d:%s], "
+        "accumulated_time = [%ld], fixed_duration = [%ld], is_job_stopped = [%d], "
+        "lld_return = [%lld], n_data_size = [%d]",
+        path_of(socket_io), sizeof header, header.packet_size, header.command,
+        command_get_name(header.command), static_cast<long>(header.accumulated_time),
+        static_cast<long>(header.fixed_duration), header.is_job_stopped,
+        static_cast<long long>(header.lld_return), static_cast<gint32>(chunk));
     const gint32 result = gst_file_socket_io_send_all(socket_io, packet, header.packet_size);
     if (result < 0) {
       PLX_ERROR("[PLG_ERR] send error. return size=[%d]", result);
@@ -212,7 +215,7 @@ gint64 gst_file_socket_io_send_all_for_write(GstFileSocketIo *socket_io, const v
 gint32 gst_file_socket_io_receive_packet(GstFileSocketIo *socket_io, guint8 *buffer,
                                          guint32 capacity) {
   socket_io->header_data = {};
-  if (!receive_exactly(socket_io, buffer, kHeaderSize)) return -1;
+  RECEIVED_OR_FAILED(socket_io, buffer, kHeaderSize);
   const gint32 i_pos = kHeaderSize;
   socket_io->header_data = record_at<header_data_s>(buffer);
   const gint32 packet_size = socket_io->header_data.packet_size;
@@ -224,7 +227,7 @@ gint32 gst_file_socket_io_receive_packet(GstFileSocketIo *socket_io, guint8 *buf
               packet_size, capacity);
     return -1;
   }
-  if (!receive_exactly(socket_io, buffer + i_pos, static_cast<gint32>(n_left))) return -1;
+  if (n_left > 0) RECEIVED_OR_FAILED(socket_io, buffer + i_pos, static_cast<gint32>(n_left));
   return packet_size;
 }
 

@@ -201,8 +201,11 @@ TEST_F(SocketIoTest, WithoutThePacketBufferOpenFailsAndTheConnectionStays) {
   EXPECT_EQ(errno, ENOMEM);
   EXPECT_TRUE(connected());
   EXPECT_EQ(state_.t_pbuf, nullptr);
+  EXPECT_FALSE(latched());
   EXPECT_THAT(box_.requests(), IsEmpty());
-  EXPECT_LOGGED(kError, error_line("[ZEB::Client] valloc failed! filePath=[/rec/a.kvf]"));
+  EXPECT_THAT(LogCapture::messages(),
+              ElementsAre("[EXT_FMG] [ZEB::Client] gst_file_socket_io_open ! filePath=[/rec/a.kvf]",
+                          "[EXT_FMG] [ZEB::Client] gst_file_socket_io_connect ! "));
 }
 
 TEST_F(SocketIoTest, CloseWithoutThePacketBufferStillSendsClose) {
@@ -930,6 +933,62 @@ TEST_F(SocketIoTest, ACutWithoutARequestIsNotMade) {
   EXPECT_LOGGED(kError,
                 error_line("gst_file_socket_io_make_command_ex:COMMAND_TYPE_CUT_FILE failed"));
   EXPECT_FALSE(connected());
+}
+
+// ---- The names that stand before the messages ----
+
+std::vector<std::string> functions() {
+  std::vector<std::string> names;
+  for (const LogLine &line : LogCapture::lines()) names.push_back(line.function);
+  return names;
+}
+
+TEST_F(SocketIoTest, LinesOfOpenCarryItsName) {
+  box_.will_answer_open(refused(-7));
+  EXPECT_EQ(open(), -1);
+  EXPECT_THAT(functions(), ElementsAre("gst_file_socket_io_open", "gst_file_socket_io_connect",
+                                       "gst_file_socket_io_open"));
+  LogCapture::clear();
+  Faults faults;
+  faults.fail("send", EPIPE);
+  EXPECT_EQ(open(), -1);
+  EXPECT_THAT(functions(), ElementsAre("gst_file_socket_io_open", "gst_file_socket_io_connect",
+                                       "gst_file_socket_io_send_all", "gst_file_socket_io_open"));
+}
+
+TEST_F(SocketIoTest, LinesOfCloseCarryItsName) {
+  given_an_open_file();
+  box_.will_answer({.bytes = ok().bytes, .hang_up_after = 5});
+  EXPECT_EQ(gst_file_socket_io_close(&state_), -1);
+  EXPECT_EQ(gst_file_socket_io_close(&state_), 1);
+  EXPECT_THAT(functions(),
+              ElementsAre("gst_file_socket_io_close", "gst_file_socket_io_receive_packet",
+                          "gst_file_socket_io_close", "gst_file_socket_io_close",
+                          "gst_file_socket_io_close"));
+  given_an_open_file();
+  {
+    Faults faults;
+    faults.fail("send", EPIPE);
+    EXPECT_EQ(gst_file_socket_io_close(&state_), -1);
+  }
+  EXPECT_THAT(functions(), ElementsAre("gst_file_socket_io_close", "gst_file_socket_io_send_all",
+                                       "gst_file_socket_io_close"));
+}
+
+TEST_F(SocketIoTest, TheLinesOfAWritesPacketsCarryTheNameOfWhatSendsThem) {
+  given_an_open_file();
+  EXPECT_EQ(gst_file_socket_io_write(&state_, "abc", 3), 0);
+  EXPECT_THAT(functions(), ElementsAre("gst_file_socket_io_send_all_for_write",
+                                       "gst_file_socket_io_send_all_for_write"));
+}
+
+TEST_F(SocketIoTest, TheLinesOfAReadCarryTheNamesOfItsSteps) {
+  given_an_open_file();
+  box_.will_answer({.bytes = data_packet(8, kData), .hang_up_after = 33});
+  EXPECT_EQ(gst_file_socket_io_read(&state_, destination, 8), -1);
+  EXPECT_THAT(functions(),
+              ElementsAre("gst_file_socket_io_receive_packet", "gst_file_socket_io_receive_all",
+                          "gst_file_socket_io_read"));
 }
 
 }  // namespace
