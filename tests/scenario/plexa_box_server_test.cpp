@@ -344,6 +344,22 @@ TEST_F(PlexaBoxServerTest, AnythingMayComeAndTheBoxGoesOn) {
   expect_alive();
 }
 
+TEST_F(PlexaBoxServerTest, AWriteWithoutItsTotalEndsTheConnection) {
+  for (const size_t size : {size_t{28}, size_t{29}, size_t{31}}) {
+    RawClient client(box());
+    ASSERT_TRUE(client.open("/film.kvf", kToWrite));
+    client.send(joined(of_size(COMMAND_TYPE_WRITE, static_cast<int32_t>(size), size),
+                       bare_request(COMMAND_TYPE_TELL)));
+    const auto refusal = client.answer();  // unless the closing was quicker
+    if (refusal) {
+      EXPECT_EQ(refusal->command, COMMAND_TYPE_IO_NG) << size;
+    }
+    EXPECT_FALSE(client.answer()) << size;
+    box().wait_until_idle();
+  }
+  expect_alive();
+}
+
 TEST_F(PlexaBoxServerTest, ADisconnectInTheMiddleOfAnyRequestClosesTheFile) {
   write_file(file("film.kvf"), counting_bytes(100000));
   write_file(file("mine.kvf"), counting_bytes(10));
@@ -476,6 +492,27 @@ TEST_F(PlexaBoxServerTest, NoPathLeadsOutOfTheRoot) {
   EXPECT_FALSE(exists(outside.file("new.kvf")));
   EXPECT_FALSE(exists(outside.file("gone.kvf")));
   EXPECT_EQ(read_file(file("film.kvf")), counting_bytes(10));
+}
+
+// The library reads it, by a name of its own making.
+TEST_F(PlexaBoxServerTest, NorDoesTheIndexOfAStreamThatIsCut) {
+  constexpr GstSocketOpenFlags kToCut{0, 1, 1, 0};
+  TempDir outside;
+  write_file(outside.file("secret.mdb"), Bytes(954360));
+  std::filesystem::create_symlink(outside.file("secret.mdb"), file("film.mdb"));
+  RawClient client(box());
+  EXPECT_FALSE(client.open("/film.kvf", kToCut));
+  EXPECT_TRUE(client.open("/other.kvf", kToCut));
+  EXPECT_TRUE(client.succeeds(bare_request(COMMAND_TYPE_CLOSE)));
+  // A name without a dot behind a folder with one: the index would lie beside the root.
+  std::filesystem::create_directory(file("box.d"));
+  RunningBox dotted(file("box.d"));
+  RawClient other(dotted);
+  EXPECT_FALSE(other.open("/film", kToCut));
+  EXPECT_FALSE(other.open("/folder/film", kToCut));
+  EXPECT_TRUE(other.open("/folder/film.kvf", kToCut));
+  EXPECT_TRUE(other.succeeds(bare_request(COMMAND_TYPE_CLOSE)));
+  EXPECT_TRUE(other.open("/film", kToWrite));
 }
 
 TEST_F(PlexaBoxServerTest, TheTwoPathsOfAnOpenMustBeTheSame) {

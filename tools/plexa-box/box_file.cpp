@@ -1,12 +1,15 @@
 // box_file.cpp - see box_file.h.
 #include "box_file.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <utility>
 
 #include "gst-plexa/gst_file_shared_info.h"
 #include "gst-plexa/gst_pvr_tools.h"
@@ -38,35 +41,29 @@ std::string recording_of(const std::string &path) {
 }
 
 // The library refuses one reader or writer too many as well, but at the cost of one that is open,
-// which any client could use to have it forget another one's recording.
-bool enter_recording(const std::string &path, bool reads) {
+// which any client could use to have it forget another one's recording. All or nothing, also when
+// memory runs out.
+bool enter_account(const std::string &recording, bool reads, const std::string *timeshift) {
+  std::string name = timeshift != nullptr ? *timeshift : std::string();
   const std::lock_guard hold(g_lock);
-  Openings &openings = g_recordings[recording_of(path)];
+  if (timeshift != nullptr && g_timeshift_opens > 0 && g_timeshift != name) return false;
+  Openings &openings = g_recordings[recording];
   int &count = reads ? openings.readers : openings.writers;
   if (count == (reads ? kMostReaders : kMostWriters)) return false;
   ++count;
-  return true;
-}
-
-void leave_recording(const std::string &path, bool reads) {
-  const std::lock_guard hold(g_lock);
-  const auto at = g_recordings.find(recording_of(path));
-  if (at == g_recordings.end()) return;
-  --(reads ? at->second.readers : at->second.writers);
-  if (at->second.readers == 0 && at->second.writers == 0) g_recordings.erase(at);
-}
-
-bool enter_timeshift(const std::string &path) {
-  const std::lock_guard hold(g_lock);
-  if (g_timeshift_opens > 0 && g_timeshift != path) return false;
-  g_timeshift = path;
+  if (timeshift == nullptr) return true;
+  g_timeshift.swap(name);
   ++g_timeshift_opens;
   return true;
 }
 
-void leave_timeshift() {
+void leave_account(const std::string &recording, bool reads, bool is_timeshift) noexcept {
   const std::lock_guard hold(g_lock);
-  --g_timeshift_opens;
+  if (is_timeshift) --g_timeshift_opens;
+  const auto at = g_recordings.find(recording);
+  if (at == g_recordings.end()) return;
+  --(reads ? at->second.readers : at->second.writers);
+  if (at->second.readers == 0 && at->second.writers == 0) g_recordings.erase(at);
 }
 
 void note_open(const std::string &path) {
@@ -74,7 +71,7 @@ void note_open(const std::string &path) {
   g_open.insert(path);
 }
 
-void note_closed(const std::string &path) {
+void note_closed(const std::string &path) noexcept {
   const std::lock_guard hold(g_lock);
   g_open.extract(path);
 }
@@ -107,17 +104,14 @@ BoxFile::~BoxFile() {
   gst_pvr_file_deinit(&file_);
 }
 
-bool BoxFile::enter() const {
-  if (is_timeshift_ && !enter_timeshift(path_)) return false;
-  if (enter_recording(path_, is_reader_)) return true;
-  if (is_timeshift_) leave_timeshift();
-  return false;
+bool BoxFile::enter() {
+  recording_ = recording_of(path_);
+  return enter_account(recording_, is_reader_, is_timeshift_ ? &path_ : nullptr);
 }
 
-void BoxFile::leave() const {
+void BoxFile::leave() const noexcept {
   const int saved = errno;
-  leave_recording(path_, is_reader_);
-  if (is_timeshift_) leave_timeshift();
+  leave_account(recording_, is_reader_, is_timeshift_);
   errno = saved;
 }
 
@@ -156,6 +150,36 @@ gint64 BoxFile::close() {
 
 gint64 BoxFile::read(void *buffer, gint64 size) {
   return patiently([&] { return gst_pvr_file_read(&file_, buffer, size); });
+}
+
+gint64 BoxFile::position() {
+  return patiently([this] { return gst_pvr_file_tell(&file_); });
+}
+
+void BoxFile::step_back(gint64 size) {
+  patiently([&] { return gst_pvr_file_seek(&file_, -size, SEEK_CUR); });
+}
+
+// One piece is one range in any case: the library lets no cut into a read.
+Pieces::Pieces(BoxFile &file, bool are_several)
+    : file_(file), is_checked_(are_several && file.may_be_cut()) {
+  if (is_checked_) expected_ = file_.position();
+}
+
+// A position that has moved by something else than the bytes read tells of a cut just before the
+// read or just behind it; which of the two, nobody knows. The first piece has none before it that
+// it must join, so it stands. A later one goes back to the file, for the next request: after a cut
+// behind the read there is nothing to go back to, and the position is right as it is.
+gint64 Pieces::next(void *buffer, gint64 size) {
+  if (is_torn_) return 0;
+  const gint64 got = file_.read(buffer, size);
+  if (!is_checked_ || got <= 0) return got;
+  const bool is_first = std::exchange(is_first_, false);
+  expected_ += got;
+  is_torn_ = file_.position() != expected_;
+  if (!is_torn_ || is_first) return got;
+  file_.step_back(got);
+  return 0;
 }
 
 }  // namespace plexa::box

@@ -29,26 +29,47 @@ class BoxFile {
   gint64 open(const std::string &path, const GstSocketOpenFlags &flags, guint8 is_atsc3);
   gint64 close();
   gint64 read(void *buffer, gint64 size);
+  gint64 position();
+  void step_back(gint64 size);  // or not at all, when there is not so much before the position
 
   GstPvrFile *get() { return &file_; }
   bool is_open() const { return is_open_; }
   // Written in blocks, the last of a call filled up: past the page cache, or into a stream that is
   // cut.
   bool is_in_blocks() const { return file_.direct_io != 0 || is_timeshift_; }
+  // Its front may go between any two operations, and the position with it.
+  bool may_be_cut() const { return is_timeshift_; }
   const std::string &path() const { return path_; }
 
  private:
   template <class Operation>
   gint64 patiently(Operation operation) const;
-  bool enter() const;  // into the account of what is open
-  void leave() const;
+  bool enter();  // into the account of what is open
+  void leave() const noexcept;
 
   const std::chrono::seconds patience_;
   GstPvrFile file_{};
-  std::string path_;  // the library keeps a pointer to it
+  std::string path_;       // the library keeps a pointer to it
+  std::string recording_;  // the file's, as the library names it
   bool is_open_ = false;
   bool is_reader_ = false;
   bool is_timeshift_ = false;
+};
+
+// The bytes of one request, piece by piece, all out of one range. A cut that takes the bytes which
+// come next leaves the position behind them; then there is no next piece.
+class Pieces {
+ public:
+  Pieces(BoxFile &file, bool are_several);
+  // Bytes read; 0 when the file ends, or where a cut has torn the range.
+  gint64 next(void *buffer, gint64 size);
+
+ private:
+  BoxFile &file_;
+  const bool is_checked_;
+  bool is_first_ = true;
+  bool is_torn_ = false;
+  gint64 expected_ = 0;
 };
 
 // True when some client has the file open.

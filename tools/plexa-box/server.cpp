@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -17,7 +18,7 @@ namespace plexa::box {
 namespace {
 
 constexpr int kBacklog = 128;
-constexpr int kPolitenessMs = 100;  // for the request of a client that is refused
+constexpr std::chrono::milliseconds kRest{100};  // for sessions to give back what is missing
 
 [[noreturn]] void fail(const std::string &what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -72,17 +73,34 @@ std::string Server::address() const {
   return text_of(address);
 }
 
+// A listener that is not looked at has the number -1, which poll() passes over.
 void Server::run(int stop) {
-  std::array<pollfd, 2> waiting{pollfd{stop, POLLIN, 0}, pollfd{listener_, POLLIN, 0}};
+  std::array<pollfd, 2 + Farewells::kMost> waiting{};
   for (;;) {
-    if (::poll(waiting.data(), waiting.size(), -1) < 0) {
+    const bool rests = Clock::now() < rests_until_;
+    waiting[0] = {stop, POLLIN, 0};
+    waiting[1] = {rests ? -1 : listener_, POLLIN, 0};
+    const std::size_t count = 2 + farewells_.watch(std::span(waiting).subspan(2));
+    if (wait(std::span(waiting).first(count)) < 0) {
       if (errno == EINTR) continue;
       fail("poll");
     }
     if (waiting[0].revents != 0) break;
+    farewells_.look_after();
+    if (spare_ < 0) spare_ = spare_descriptor();
     if (waiting[1].revents != 0) take_client();
   }
   end_sessions();
+}
+
+int Server::wait(std::span<pollfd> waiting) const {
+  int timeout = farewells_.time_left();
+  if (waiting[1].fd < 0) {
+    const auto rest = std::chrono::ceil<std::chrono::milliseconds>(rests_until_ - Clock::now());
+    const int left = static_cast<int>(std::max<std::chrono::milliseconds::rep>(rest.count(), 0));
+    timeout = timeout < 0 ? left : std::min(timeout, left);
+  }
+  return ::poll(waiting.data(), waiting.size(), timeout);
 }
 
 void Server::take_client() {
@@ -93,16 +111,31 @@ void Server::take_client() {
     start_session(socket, from);
   } else if (errno == EMFILE || errno == ENFILE) {
     make_room();
+  } else {
+    rest_unless_passing(errno);
   }
 }
 
 // A client that cannot be taken must not stay in the queue, where it would wake this thread again
-// and again.
+// and again. The descriptor is that of a client refused before, or the spare one; a session may be
+// quicker to take it.
 void Server::make_room() {
-  ::close(spare_);
+  if (!farewells_.end_oldest()) {
+    ::close(spare_);
+    spare_ = -1;
+  }
   const int socket = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-  if (socket >= 0) refuse(socket);
-  spare_ = spare_descriptor();
+  if (socket >= 0) {
+    refuse(socket);
+  } else {
+    rest_unless_passing(errno);
+  }
+}
+
+// What concerns one client has gone with him; anything else would come again at once.
+void Server::rest_unless_passing(int error_number) {
+  if (error_number == EAGAIN || error_number == EINTR || error_number == ECONNABORTED) return;
+  rests_until_ = Clock::now() + kRest;
 }
 
 bool Server::enter(int socket) {
@@ -118,15 +151,19 @@ void Server::leave(int socket) {
 }
 
 void Server::start_session(int socket, const sockaddr_in &from) {
-  if (!enter(socket)) return refuse(socket);
-  const std::string client = text_of(from);
-  if (settings_.verbose) std::fprintf(stderr, "%s connected\n", client.c_str());
+  bool is_entered = false;
   try {
-    std::thread([this, socket, client] { serve(socket, client); }).detach();
-  } catch (const std::exception &) {  // no thread, or no memory for one
-    leave(socket);
-    refuse(socket);
+    is_entered = enter(socket);
+    if (is_entered) {
+      const std::string client = text_of(from);
+      if (settings_.verbose) std::fprintf(stderr, "%s connected\n", client.c_str());
+      std::thread([this, socket, client] { serve(socket, client); }).detach();
+      return;
+    }
+  } catch (const std::exception &) {  // no thread, or no memory
+    if (is_entered) leave(socket);
   }
+  refuse(socket);
 }
 
 // The session's socket is in the book until it is closed, so that a stop reaches it; the number is
@@ -148,21 +185,9 @@ void Server::serve(int socket, const std::string &client) {
   left_.notify_all();
 }
 
-void Server::refuse(int socket) const {
+void Server::refuse(int socket) {
   if (settings_.verbose) std::fprintf(stderr, "a client is refused: too many\n");
-  header_data_s answer{};
-  answer.packet_size = sizeof answer;
-  answer.command = COMMAND_TYPE_IO_NG;
-  ::send(socket, &answer, sizeof answer, MSG_NOSIGNAL | MSG_DONTWAIT);
-  ::shutdown(socket, SHUT_WR);
-  // A socket that is closed with a request unread takes the answer back.
-  std::array<char, 1024> request;
-  pollfd waiting{socket, POLLIN, 0};
-  if (::poll(&waiting, 1, kPolitenessMs) > 0) {
-    [[maybe_unused]] const ssize_t got =
-        ::recv(socket, request.data(), request.size(), MSG_DONTWAIT);
-  }
-  ::close(socket);
+  farewells_.say(socket);
 }
 
 void Server::end_sessions() {

@@ -10,17 +10,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "gst-plexa/gst_edit_unit.h"
 #include "gst-plexa/gst_file_shared_info.h"
+#include "gst-plexa/gst_pvr_tools.h"
 
 namespace plexa::box {
 namespace {
 
 // The data of one packet of a read's answer. Small enough that the client copies one packet while
-// the next one is read.
+// the next one is read; as large as a packet can be where the file may be cut between two.
 constexpr std::size_t kReadData = 65536;
+constexpr std::size_t kMostReadData = kPacketBufferSize - sizeof(ReadAnswer);
 
 // What an unknown client sends to have a file removed, in the manner of the other requests.
 struct __attribute__((packed)) RemoveRequest {
@@ -161,6 +165,18 @@ bool Session::refuse(const header_data_s &header) {
 
 // ---- The file ----
 
+// The library reads the index of a stream that it is to cut. It makes that name of what stands
+// before the path's last dot, and this dot may be in a folder's name.
+bool Session::has_sound_index(const std::string &path) const {
+  const std::unique_ptr<gchar, decltype(&std::free)> index(
+      gst_pvr_tool_change_extension(path.c_str(), ".mdb"), &std::free);
+  if (index == nullptr) return path.find('.') == std::string::npos;  // then it reads none
+  const std::string_view name(index.get());
+  errno = EXDEV;
+  return name.starts_with(root_.path() + "/") &&
+         !root_.locate(name.substr(root_.path().size()), Root::File::kMayExist).empty();
+}
+
 bool Session::open(const header_data_s &header) {
   const auto request = this->request<OpenRequest>(header);
   if (!request) return false;
@@ -168,6 +184,8 @@ bool Session::open(const header_data_s &header) {
   std::string path;
   if (!is_open() && std::memcmp(request->path, request->path_2, kPathField) == 0) {
     path = located(request->path, reads ? Root::File::kExists : Root::File::kIsMade);
+    const bool is_cut = request->flags.is_ts != 0 && request->flags.is_index == 0 && !reads;
+    if (is_cut && !path.empty() && !has_sound_index(path)) path.clear();
   } else {
     errno = EINVAL;
   }
@@ -190,6 +208,9 @@ bool Session::close(const header_data_s &header) {
   report(header, file_->path());
   const gint64 result = file_->close();
   file_.reset();
+  staging_ = {};
+  packet_.reset();
+  packet_room_ = 0;
   return answer(result >= 0, result);
 }
 
@@ -200,13 +221,15 @@ bool Session::read(const header_data_s &header) {
   if (!request) return false;
   if (request->size == 0) return true;
   if (!is_open()) return answer(false);
-  if (packet_ == nullptr) packet_ = std::make_unique<uint8_t[]>(sizeof(ReadAnswer) + kReadData);
-  uint8_t *const data = packet_.get() + sizeof(ReadAnswer);
+  const auto most = std::min<guint32>(
+      request->size, static_cast<guint32>(file_->may_be_cut() ? kMostReadData : kReadData));
+  uint8_t *const data = read_buffer(most);
+  Pieces pieces(*file_, request->size > most);
   guint32 left = request->size;
   guint32 total = left;
   while (left > 0) {
-    const guint32 wanted = std::min<guint32>(left, kReadData);
-    const gint64 got = file_->read(data, wanted);
+    const guint32 wanted = std::min(left, most);
+    const gint64 got = pieces.next(data, wanted);
     if (got <= 0 && left < request->size) return send_data(total, 0, true);
     if (got < 0) return answer(false, got);
     const auto size = static_cast<guint32>(got);
@@ -217,6 +240,16 @@ bool Session::read(const header_data_s &header) {
     if (total == 0) return true;
   }
   return true;
+}
+
+// Room for so much data behind an answer's head.
+uint8_t *Session::read_buffer(std::size_t size) {
+  if (packet_room_ < size) {
+    packet_room_ = 0;
+    packet_ = std::make_unique_for_overwrite<uint8_t[]>(sizeof(ReadAnswer) + size);
+    packet_room_ = size;
+  }
+  return packet_.get() + sizeof(ReadAnswer);
 }
 
 bool Session::send_data(guint32 total, std::size_t size, bool is_stopped) {
@@ -233,14 +266,14 @@ bool Session::send_data(guint32 total, std::size_t size, bool is_stopped) {
 // One call, in as many packets as the client likes, and one answer after the last of them.
 bool Session::write(const header_data_s &header) {
   guint32 total = 0;
-  if (header.packet_size < static_cast<gint32>(sizeof(WriteRequest))) return refuse(header);
+  if (header.packet_size < static_cast<gint32>(sizeof(WriteRequest))) return end_write(header);
   if (!channel_.take(&total, sizeof total)) return false;
-  if (!staging_.begin(is_open() ? file_.get() : nullptr)) {
+  if (is_open() && !staging_.begin(file_.get())) {
     answer(false);  // out of memory
     return false;
   }
   if (!take_data(header, total)) return false;
-  const gint64 result = staging_.end();
+  const gint64 result = is_open() ? staging_.end() : -1;
   GstSharedCutInfo *const info = gst_shared_cut_info_get();
   header_data_s answer{};
   answer.packet_size = sizeof answer;
@@ -267,12 +300,19 @@ bool Session::take_data(const header_data_s &first, guint32 total) {
     if (!channel_.take(&same_total, sizeof same_total)) return false;
     if (same_total != total) break;
   }
+  return end_write(header);
+}
+
+// Where the next request begins cannot be told.
+bool Session::end_write(const header_data_s &header) {
   report(header, "no request: the packets of a write do not agree");
   answer(false);
   return false;
 }
 
+// Without a file the data goes nowhere.
 bool Session::take_packet(std::size_t size, bool is_last) {
+  if (!is_open()) return channel_.skip(size);
   while (size > 0) {
     const std::size_t part = std::min(size, staging_.room_size());
     const bool is_end = part == size;

@@ -3,7 +3,8 @@
 // Carries out what a client asks for through the library, on the box's disk, and answers. A request
 // that is no request ends the connection after a refusal; one that asks for too much, or for
 // something at the wrong time, is refused, and the connection goes on. A file that the client
-// leaves open is closed. A session is run on a thread of its own.
+// leaves open is closed; without one a session holds no memory worth mentioning. A session is run
+// on a thread of its own.
 #pragma once
 
 #include <chrono>
@@ -59,8 +60,11 @@ class Session {
   template <class Request>
   std::optional<Request> request(const header_data_s &header);
   std::string located(const char (&field)[kPathField], Root::File file) const;
+  bool has_sound_index(const std::string &path) const;
   bool take_data(const header_data_s &first, guint32 total);
   bool take_packet(std::size_t size, bool is_last);
+  bool end_write(const header_data_s &header);
+  uint8_t *read_buffer(std::size_t size);
   bool send_data(guint32 total, std::size_t size, bool is_stopped = false);
   bool answer(bool is_good, gint64 result = 0);
   bool answer_result(gint64 result);
@@ -75,6 +79,7 @@ class Session {
   std::unique_ptr<BoxFile> file_;
   Staging staging_;
   std::unique_ptr<uint8_t[]> packet_;  // of a read's answer
+  std::size_t packet_room_ = 0;
 };
 
 }  // namespace plexa::box

@@ -13,14 +13,14 @@ bool Staging::begin(BoxFile *file) {
   file_ = file;
   held_ = 0;
   written_ = 0;
-  failure_ = file != nullptr ? 0 : -1;
+  failure_ = 0;
   if (piece_ == nullptr) piece_.reset(static_cast<uint8_t *>(valloc(kPiece)));
   return piece_ != nullptr;
 }
 
 void Staging::add(std::size_t size) {
   held_ += size;
-  const bool eager = file_ != nullptr && !file_->is_in_blocks() && held_ >= kEagerPiece;
+  const bool eager = !file_->is_in_blocks() && held_ >= kEagerPiece;
   if (held_ == kPiece || eager) flush();
 }
 

@@ -36,7 +36,7 @@ class Staging {
   void flush();
 
   std::unique_ptr<uint8_t, Free> piece_;  // kept for the next call
-  BoxFile *file_ = nullptr;               // null: the data goes nowhere
+  BoxFile *file_ = nullptr;
   std::size_t held_ = 0;
   gint64 written_ = 0;
   gint64 failure_ = 0;  // nothing is written behind one
