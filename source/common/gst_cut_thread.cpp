@@ -18,6 +18,7 @@
 #include "gst-plexa/gst_edit_unit.h"
 #include "gst-plexa/gst_file_shared_info.h"
 #include "gst_cut_internal.h"
+#include "gst_file_direct_io_internal.h"
 #include "gst_file_shared_info_internal.h"
 
 #define PLEXA_LOG_AREA "EXT_FMG"
@@ -66,6 +67,7 @@ void _stop(GstCutParam *param) {
 
 // The writer's new opening sets its next cut point; what was switched off before must stay off.
 void _run_steps(GstCutParam *param) {
+  const plexa::KeptBounceBuffers kept;
   bool stays_on = gst_cut_mgr_get_max_time(param->cut_buffer_mgr) != FALSE;
   for (const auto step : {plexa::_gst_cut_thread_close_all, plexa::_gst_cut_thread_cut,
                           plexa::_gst_cut_thread_open_all, plexa::_gst_cut_thread_seek_all}) {

@@ -16,6 +16,7 @@
 #include <memory>
 
 #include "gst-plexa/gst_file_io.h"
+#include "gst_file_direct_io_internal.h"
 
 #define PLEXA_LOG_AREA "EXT_FMG"
 #include "plexa_log.h"
@@ -36,6 +37,19 @@ struct FreeMemory {
 using PageBuffer = std::unique_ptr<void, FreeMemory>;
 
 PageBuffer allocate_pages(gint64 size) { return PageBuffer(valloc(static_cast<size_t>(size))); }
+
+// The bounce buffers of this thread's closed handles, while they are kept for the next opens.
+thread_local plexa::KeptBounceBuffers *t_kept = nullptr;
+
+PageBuffer new_bounce_buffer() {
+  void *const kept = t_kept != nullptr ? t_kept->take() : nullptr;
+  return kept != nullptr ? PageBuffer(kept) : allocate_pages(kBounceSize);
+}
+
+void release_bounce_buffer(void *buffer) {
+  if (buffer != nullptr && t_kept != nullptr) return t_kept->keep(buffer);
+  std::free(buffer);
+}
 
 // 1 when there is something to read, 0 at or behind the end, -1 on failure. The descriptor stands
 // at the end of the file afterwards.
@@ -99,6 +113,29 @@ PageBuffer _padded_copy(const void *buffer, gint64 size) {
 
 }  // namespace
 
+namespace plexa {
+
+KeptBounceBuffers::KeptBounceBuffers() noexcept { t_kept = this; }
+
+KeptBounceBuffers::~KeptBounceBuffers() {
+  t_kept = nullptr;
+  while (void *const buffer = take()) std::free(buffer);
+}
+
+// The first bytes of a kept buffer are the link to the next one.
+void KeptBounceBuffers::keep(void *buffer) noexcept {
+  std::memcpy(buffer, &first_, sizeof first_);
+  first_ = buffer;
+}
+
+void *KeptBounceBuffers::take() noexcept {
+  void *const buffer = first_;
+  if (buffer != nullptr) std::memcpy(&first_, buffer, sizeof first_);
+  return buffer;
+}
+
+}  // namespace plexa
+
 gint64 gst_file_direct_io_open(GstPvrFile *file, gint32 *descriptor, const gchar *path,
                                guint8 read_mode, guint8 direct_mode, guint8 append_mode) {
   file->tpbuf = nullptr;
@@ -108,7 +145,7 @@ gint64 gst_file_direct_io_open(GstPvrFile *file, gint32 *descriptor, const gchar
   }
   PageBuffer bounce;
   if (read_mode != 0) {
-    bounce = allocate_pages(kBounceSize);
+    bounce = new_bounce_buffer();
     if (bounce == nullptr) {
       PLX_ERROR("[PLG_ERR] Allocate memery failed!");
       return -1;
@@ -122,7 +159,7 @@ gint64 gst_file_direct_io_open(GstPvrFile *file, gint32 *descriptor, const gchar
 
 gint64 gst_file_direct_io_close(GstPvrFile *file, gint32 *descriptor) {
   const gint64 result = gst_file_io_close(file, descriptor);
-  std::free(file->tpbuf);
+  release_bounce_buffer(file->tpbuf);
   file->tpbuf = nullptr;
   return result;
 }

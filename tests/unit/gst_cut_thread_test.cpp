@@ -7,6 +7,7 @@
 
 #include <deque>
 #include <memory>
+#include <set>
 
 #include "gst_cut_fixture.h"
 
@@ -600,6 +601,22 @@ TEST_F(CutThreadTest, TheFirstCutMakesTheTaskAndTheOthersStartItAgain) {
   EXPECT_EQ(removals().size(), 3u);
   EXPECT_EQ(total_cut(), 9 * kUnit);
   EXPECT_EQ(cut_point(), 14000);
+}
+
+// From the second cut on; the first one finds handles that were opened without direct access.
+TEST_F(CutThreadTest, ReadersKeepTheirBounceBuffersOverACut) {
+  cut();
+  const std::set<const void *> buffers{near_.get()->tpbuf, far_.get()->tpbuf};
+  ASSERT_FALSE(buffers.contains(nullptr));
+  ASSERT_EQ(buffers.size(), 2u);
+  Faults faults;
+  faults.all_threads();
+  int allocated = 0;
+  faults.watch("valloc", [&](int, const char *, long long size) { allocated += size > kUnit; });
+  EXPECT_EQ(write_unit(writer_, 8000), kUnit);
+  finish_cut(writer_);
+  EXPECT_EQ(allocated, 0);
+  EXPECT_EQ((std::set<const void *>{near_.get()->tpbuf, far_.get()->tpbuf}), buffers);
 }
 
 // The mark is gone, and the task is not out of the way yet.

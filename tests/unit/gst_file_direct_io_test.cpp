@@ -11,9 +11,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <set>
+#include <thread>
 #include <tuple>
 
 #include "faults.h"
+#include "gst_file_direct_io_internal.h"
 #include "log_capture.h"
 #include "temp_dir.h"
 
@@ -171,6 +174,78 @@ TEST_F(DirectIoTest, AFailedCloseFreesItToo) {
   }
   EXPECT_EQ(file_.tpbuf, nullptr);
   descriptor_ = -1;
+}
+
+// ---- Bounce buffers kept from a close for the next open ----
+
+TEST_F(DirectIoTest, ABounceBufferCanBeKeptForTheNextOpen) {
+  const plexa::KeptBounceBuffers kept;
+  given_open_at(0);
+  const void *const buffer = file_.tpbuf;
+  EXPECT_EQ(gst_file_direct_io_close(&file_, &descriptor_), 1);
+  EXPECT_EQ(file_.tpbuf, nullptr);
+  Faults faults;
+  EXPECT_EQ(open(kRead), 1);
+  EXPECT_EQ(file_.tpbuf, buffer);
+  EXPECT_EQ(faults.count("valloc"), 0);
+  EXPECT_EQ(read(10000), 10000);
+  expect_got(0, 10000);
+}
+
+TEST_F(DirectIoTest, OfSeveralKeptEachIsGivenOnce) {
+  const plexa::KeptBounceBuffers kept;
+  given_open_at(0);
+  GstPvrFile other{};
+  gint32 descriptor = -1;
+  ASSERT_EQ(gst_file_direct_io_open(&other, &descriptor, rec_.c_str(), kRead, 1, 0), 1);
+  const std::set<const void *> buffers{file_.tpbuf, other.tpbuf};
+  gst_file_direct_io_close(&file_, &descriptor_);
+  gst_file_direct_io_close(&other, &descriptor);
+  EXPECT_EQ(open(kRead), 1);
+  ASSERT_EQ(gst_file_direct_io_open(&other, &descriptor, rec_.c_str(), kRead, 1, 0), 1);
+  EXPECT_EQ((std::set<const void *>{file_.tpbuf, other.tpbuf}), buffers);
+  gst_file_direct_io_close(&other, &descriptor);
+}
+
+TEST_F(DirectIoTest, WithNoneLeftABounceBufferIsAllocated) {
+  const plexa::KeptBounceBuffers kept;
+  write_file(rec_, counting_bytes(10));
+  Faults faults;
+  EXPECT_EQ(open(kRead), 1);
+  EXPECT_EQ(faults.count("valloc"), 1);
+}
+
+TEST_F(DirectIoTest, ABounceBufferIsKeptForItsThreadOnly) {
+  const plexa::KeptBounceBuffers kept;
+  given_open_at(0);
+  gst_file_direct_io_close(&file_, &descriptor_);
+  Faults faults;
+  faults.all_threads();
+  std::thread([&] { EXPECT_EQ(open(kRead), 1); }).join();
+  EXPECT_EQ(faults.count("valloc"), 1);
+}
+
+TEST_F(DirectIoTest, AnOpenThatFailsGivesAKeptBounceBufferBackToTheSystem) {
+  const plexa::KeptBounceBuffers kept;
+  given_open_at(0);
+  gst_file_direct_io_close(&file_, &descriptor_);
+  Faults faults;
+  faults.fail("open64", EACCES);
+  EXPECT_EQ(open(kRead), -1);
+  EXPECT_EQ(file_.tpbuf, nullptr);
+  EXPECT_EQ(open(kRead), 1);
+  EXPECT_EQ(faults.count("valloc"), 1);
+}
+
+TEST_F(DirectIoTest, NothingIsKeptAnyMoreAtTheEnd) {
+  given_open_at(0);
+  {
+    const plexa::KeptBounceBuffers kept;
+    gst_file_direct_io_close(&file_, &descriptor_);
+  }
+  Faults faults;
+  EXPECT_EQ(open(kRead), 1);
+  EXPECT_EQ(faults.count("valloc"), 1);
 }
 
 // ---- Reading ----
