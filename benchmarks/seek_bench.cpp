@@ -25,6 +25,7 @@ extern "C" {
 namespace {
 
 constexpr int kSeeks = 200;
+constexpr size_t kLargestIframe = 4 << 20;  // bytes; a player keeps its buffer between two seeks
 
 class Recording {
  public:
@@ -51,8 +52,7 @@ class Recording {
   // The I-frame's packets in the buffer; true when they begin a PES packet of the video PID.
   bool fetch(gint32 time) {
     const frameData frame = gst_index_parser_get_iframe_by_time(&parser_, time, 0);
-    if (frame.is_valid == 0 || frame.length < 188) return false;
-    packets_.resize(frame.length);
+    if (frame.is_valid == 0 || frame.length < 188 || frame.length > packets_.size()) return false;
     if (gst_pvr_file_seek(&stream_, static_cast<gint64>(frame.stream_offset), SEEK_SET) < 0) {
       return false;
     }
@@ -67,7 +67,7 @@ class Recording {
   GstPvrFile stream_{};
   GstPvrFile index_{};
   GstIndexParser parser_{};
-  std::vector<guint8> packets_;
+  std::vector<guint8> packets_ = std::vector<guint8>(kLargestIframe);
   bool ok_ = false;
 };
 

@@ -48,6 +48,7 @@ constexpr int64_t kMinuteUnits = 118;  // a bit more than a minute of the index'
 constexpr int kCuts = 15;
 // The registry admits 100 readers of a recording, and the manager's look at the index is one.
 constexpr int kReaders = 99;
+constexpr std::chrono::milliseconds kUntilAllWait{20};
 
 int64_t scaled(int64_t size) {
   return std::getenv("PLEXA_BENCH_SMALL") != nullptr ? size / 16 : size;
@@ -120,7 +121,7 @@ int64_t bytes_written() {
 
 // ---- A cut of a large recording ----
 
-// Readers that sleep until they are told to ask something of their handle, all at once.
+// Readers that sleep until they are told to ask something of their handle.
 class Audience {
  public:
   explicit Audience(const std::string &path) : done_at_(kReaders) {
@@ -139,21 +140,33 @@ class Audience {
   Audience(const Audience &) = delete;
   Audience &operator=(const Audience &) = delete;
 
-  // Seconds until the last of them has its answer.
-  double ask() {
+  // Returns when all of them are about to ask, or have begun to.
+  void ask() {
+    asking_ = 0;
     answered_ = 0;
-    const Clock::time_point began = Clock::now();
     call();
-    for (int now = answered_; now < kReaders; now = answered_) answered_.wait(now);
+    await(asking_);
+  }
+
+  // When the last of them has its answer.
+  Clock::time_point answered() {
+    await(answered_);
     require(!has_failed_, "a reader has failed");
-    const Clock::time_point ended = *std::max_element(done_at_.begin(), done_at_.end());
-    return std::chrono::duration<double>(ended - began).count();
+    return *std::max_element(done_at_.begin(), done_at_.end());
   }
 
  private:
+  static void await(const std::atomic<int> &count) {
+    for (int now = count; now < kReaders; now = count) count.wait(now);
+  }
+
   void call() {
     ++call_;
     call_.notify_all();
+  }
+
+  void tell_one(std::atomic<int> &count) {
+    if (++count == kReaders) count.notify_all();
   }
 
   void listen(size_t i) {
@@ -161,16 +174,17 @@ class Audience {
       call_.wait(last);
       last = call_;
       if (is_over_) return;
+      tell_one(asking_);
       if (gst_pvr_file_tell(handles_[i]->get()) < 0) has_failed_ = true;
       done_at_[i] = Clock::now();
-      ++answered_;
-      answered_.notify_all();
+      tell_one(answered_);
     }
   }
 
   std::vector<std::unique_ptr<OpenFile>> handles_;
   std::vector<Clock::time_point> done_at_;
   std::atomic<int> call_{0};
+  std::atomic<int> asking_{0};
   std::atomic<int> answered_{0};
   std::atomic<bool> is_over_{false};
   std::atomic<bool> has_failed_{false};
@@ -198,17 +212,25 @@ class LargeRecording {
   }
 
   struct Cut {
-    double stall;   // seconds until the last reader goes on
+    double stall;   // seconds from the cut's beginning until the last reader goes on
     int64_t bytes;  // written by the cut alone
   };
 
+  // An operation in flight holds the cut up until every reader waits for its end.
   Cut cut() {
     lengthen(kMinuteUnits - 1);
     const int64_t cut_off = total_cut();
     const int64_t bytes = bytes_written();
+    GstSharedInfo *const registry = gst_shared_info_get();
+    const auto key = static_cast<guint32>(writer_.get()->var.state.cut.key);
+    gst_shared_info_increase_actioncount(registry, key);
     write_unit();
-    const double stall = audience_->ask();
-    const Cut result = {stall, bytes_written() - bytes - kUnit};
+    audience_->ask();
+    std::this_thread::sleep_for(kUntilAllWait);
+    const Clock::time_point began = Clock::now();
+    gst_shared_info_decrease_actioncount(registry, key);
+    const std::chrono::duration<double> stall = audience_->answered() - began;
+    const Cut result = {stall.count(), bytes_written() - bytes - kUnit};
     require(total_cut() > cut_off, "nothing was cut");
     return result;
   }
