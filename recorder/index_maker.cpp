@@ -59,6 +59,8 @@ Outcome repair(const std::string &stream_path, const Options &options) {
     StreamScan scan(options);
     std::string problem = scan.open(stream_path);
     if (!problem.empty()) return failure(problem);
+    problem = refuse_special_file(scan.paths().index);  // a pipe would be waited for
+    if (!problem.empty()) return failure(problem);
     records.load(scan.paths().index, scan);
     if (records.tells_layout()) anew.layout = records.layout();
     if (records.is_complete()) return nothing_to_repair(records, scan);

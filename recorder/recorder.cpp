@@ -59,6 +59,7 @@ class Recording {
   bool hold(const uint8_t *data, size_t count);
   void begin_indexing();
   bool begin_recording();
+  void remove_old_thumbnails() const;
   bool create_files();
   bool create_stream();
   PacketStore &store();
@@ -257,7 +258,16 @@ bool Recording::begin_recording() {
   return append_stored();
 }
 
+// They show what is overwritten. One that cannot go stays behind: they are no part of the
+// recording.
+void Recording::remove_old_thumbnails() const {
+  if (!options_.overwrite || is_box_in_use()) return;
+  const std::string stem = paths_.stream.substr(0, paths_.stream.rfind('.'));
+  for (const char *const extension : {".tm", ".thm"}) unlink((stem + extension).c_str());
+}
+
 bool Recording::create_files() {
+  remove_old_thumbnails();
   // An old index must not stand beside a new stream, not even for a moment.
   for (const std::string &path : {paths_.index, paths_.stream}) {
     if (is_box_in_use()) continue;  // it makes and empties what is opened for writing

@@ -95,6 +95,12 @@ NewIndex::~NewIndex() {
   if (!path_.empty()) unlink(path_.c_str());
 }
 
+std::string refuse_special_file(const std::string &path) {
+  struct stat there = {};
+  if (lstat(path.c_str(), &there) != 0 || S_ISREG(there.st_mode)) return "";
+  return "'" + path + "' is not a regular file";
+}
+
 std::string NewIndex::create(const std::string &index_path) {
   index_path_ = index_path;
   path_ = create_temporary_index(index_path);
@@ -103,10 +109,8 @@ std::string NewIndex::create(const std::string &index_path) {
 }
 
 std::string NewIndex::put_in_place() {
-  struct stat there = {};
-  if (lstat(index_path_.c_str(), &there) == 0 && !S_ISREG(there.st_mode)) {
-    return "'" + index_path_ + "' is not a regular file";
-  }
+  const std::string problem = refuse_special_file(index_path_);
+  if (!problem.empty()) return problem;
   GstPvrFile handle = {};
   gst_pvr_file_init(&handle);
   const bool renamed = gst_pvr_file_rename(&handle, path_.c_str(), index_path_.c_str()) == 1;

@@ -59,6 +59,9 @@ class StreamScan {
   std::vector<uint8_t> buffer_;
 };
 
+// Why no index can stand under this name: a directory or a pipe has it. Empty: one can.
+std::string refuse_special_file(const std::string &path);
+
 // What stands in the index's place until it is complete. Removed unless it was put in place.
 class NewIndex {
  public:

@@ -306,6 +306,14 @@ TEST_F(PlexaPvrCheckTest, TheHeadOfTheIndex) {
   EXPECT_THAT(kinds(), Contains("base-table"));
 }
 
+TEST_F(PlexaPvrCheckTest, AnEndTimeFarFromTheLastGop) {
+  change_base(film_.index, [](pvr_base_table_s &table) { table.end_time_code += 3600000; });
+  EXPECT_THAT(kinds(), ElementsAre("base-table"));
+  EXPECT_THAT(faults().text("faults.0.text"), HasSubstr("the last GOP lasts from"));
+  change_base(film_.index, [](pvr_base_table_s &table) { table.end_time_code = 1; });
+  EXPECT_THAT(kinds(), ElementsAre("base-table"));
+}
+
 TEST_F(PlexaPvrCheckTest, AnEndTimeBeforeTheStartTime) {
   change_base(film_.index, [](pvr_base_table_s &table) {
     table.start_time_code += 10000;

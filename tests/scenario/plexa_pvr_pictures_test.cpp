@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "plexa_pvr_support.h"
@@ -193,6 +194,23 @@ TEST_F(PlexaPvrPicturesTest, AnExistingSheetIsKeptUnlessToldOtherwise) {
   EXPECT_TRUE(Png(dir_.file("sheet.png")).ok());
 }
 
+TEST_F(PlexaPvrPicturesTest, TheRecordingItselfIsNeverReplaced) {
+  const RecordingFiles recording = h264_film();
+  ASSERT_EQ(pvr({"thumbnail", recording.stream}).exit_code, 0);
+  for (const std::string &own :
+       {recording.stream, recording.index, dir_.file("film.thm"), dir_.file("film.tm")}) {
+    const auto before = read_file(own);
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"thumbnail", recording.stream, "--sheet", own, "--overwrite"},
+          std::vector<std::string>{"report", recording.stream, own, "--overwrite"}}) {
+      const auto run = pvr(command);
+      EXPECT_EQ(run.exit_code, 1) << own;
+      EXPECT_TRUE(complains_once(run, "a file of the recording itself")) << run.err;
+      EXPECT_EQ(read_file(own), before) << own;
+    }
+  }
+}
+
 TEST_F(PlexaPvrPicturesTest, ACodecWithoutADecoderIsNamed) {
   const RecordingFiles recording = h264_film();
   poke(recording.index, 4088 + 176, {3});
@@ -212,6 +230,57 @@ TEST_F(PlexaPvrPicturesTest, APictureThatIsDamagedFailsWithOneLine) {
   EXPECT_EQ(run.exit_code, 1);
   EXPECT_TRUE(complains_once(run, "")) << run.err;
   EXPECT_FALSE(exists(dir_.file("sheet.png")));
+}
+
+TEST_F(PlexaPvrPicturesTest, CtrlCLeavesNothingUnfinishedWheneverItComes) {
+  const RecordingFiles recording = h264_film();
+  const std::vector<std::vector<std::string>> commands = {
+      {"report", recording.stream, dir_.file("film.html"), "--overwrite"},
+      {"thumbnail", recording.stream, "--sheet", dir_.file("sheet.png"), "--overwrite"}};
+  for (const auto &command : commands) {
+    for (const int milliseconds : {20, 40, 60, 80, 100, 140}) {
+      RunningPvr child(command);
+      child.errors(milliseconds);
+      child.interrupt();
+      child.finish();
+    }
+  }
+  for (const auto &entry : std::filesystem::directory_iterator(dir_.path())) {
+    EXPECT_THAT(entry.path().filename().string(), Not(HasSubstr(".plexa-pvr-")));
+  }
+}
+
+TEST_F(PlexaPvrPicturesTest, AFolderThatTakesNoThumbnailsIsTold) {
+  const RecordingFiles recording = h264_film();
+  ::chmod(dir_.path().c_str(), 0555);
+  const auto run = pvr({"thumbnail", recording.stream}, {.obey_permissions = true});
+  ::chmod(dir_.path().c_str(), 0755);
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_TRUE(complains_once(run, "film.thm: the thumbnails could not be made: Permission denied"))
+      << run.err;
+}
+
+TEST_F(PlexaPvrPicturesTest, ADamagedPictureDoesNotTakeTheOthersWithIt) {
+  const RecordingFiles recording = h264_film();
+  const auto gops = gop_records(recording.index);
+  poke(recording.stream, static_cast<int64_t>(gops[0].packet_count) * 188 + 30,
+       std::vector<uint8_t>(150, 0xff));
+  const auto sheet = pvr({"thumbnail", recording.stream, "--sheet", dir_.file("sheet.png")});
+  EXPECT_EQ(sheet.exit_code, 1);
+  EXPECT_TRUE(complains_once(sheet, "1 of 5 pictures are missing: ")) << sheet.err;
+  EXPECT_TRUE(Png(dir_.file("sheet.png")).ok());
+  const auto strip =
+      pvr({"thumbnail", recording.stream, "--every", "2", "--dir", dir_.file("strip"), "--json"});
+  EXPECT_EQ(strip.exit_code, 1);
+  EXPECT_TRUE(complains_once(strip, "1 of 3 pictures are missing: ")) << strip.err;
+  EXPECT_EQ(JsonText(strip.out).number("pictures"), 2);
+  EXPECT_EQ(JsonText(strip.out).number("missing"), 1);
+  EXPECT_TRUE(exists(dir_.file("strip/00-00-02.jpg")));
+  EXPECT_FALSE(exists(dir_.file("strip/00-00-00.jpg")));
+  const auto report = pvr({"report", recording.stream, dir_.file("film.html")});
+  EXPECT_EQ(report.exit_code, 1);
+  EXPECT_TRUE(complains_once(report, "1 of 5 pictures are missing: ")) << report.err;
+  EXPECT_TRUE(exists(dir_.file("film.html")));
 }
 
 TEST_F(PlexaPvrPicturesTest, OptionsThatMakeNoSenseTogetherAreUsageErrors) {

@@ -123,6 +123,17 @@ TEST_F(PlexaPvrRecordTest, AnExistingRecordingIsReplacedOnlyWhenAsked) {
   expect_sound(film);
 }
 
+TEST_F(PlexaPvrRecordTest, TheThumbnailsOfAnOverwrittenRecordingGoWithIt) {
+  const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
+  ASSERT_EQ(pvr({"thumbnail", film.stream}).exit_code, 0);
+  ASSERT_THAT(names(), SizeIs(4));
+  expect_refused({"record", mpeg2_stream(), film.stream}, "exists already");
+  expect_refused({"record", "/dev/null", film.stream, "--overwrite"}, "is empty");
+  ASSERT_THAT(names(), SizeIs(4));
+  EXPECT_EQ(pvr({"record", mpeg2_stream(), film.stream, "--overwrite"}).exit_code, 0);
+  EXPECT_THAT(names(), SizeIs(2));
+}
+
 TEST_F(PlexaPvrRecordTest, AnInputThatIsNoneLeavesAnOldRecordingAlone) {
   const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
   const auto stream = read_file(film.stream);
@@ -314,6 +325,44 @@ TEST_F(PlexaPvrRecordTest, AnIndexThatCannotBeMadeLeavesTheOldOne) {
   EXPECT_THAT(names(), SizeIs(2));
   expect_refused({"index", dir_.file("none.kvf")}, "No such file or directory");
   expect_refused({"index", dir_.path()}, "is a directory");
+}
+
+TEST_F(PlexaPvrRecordTest, AnIndexThatIsNoFileIsNeitherReadNorReplaced) {
+  const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
+  std::filesystem::remove(film.index);
+  ASSERT_EQ(::mkfifo(film.index.c_str(), 0600), 0);
+  for (const char *const option : {"--repair", "--legacy"}) {
+    expect_refused({"index", film.stream, option}, "film.mdb' is not a regular file");
+    EXPECT_TRUE(std::filesystem::is_fifo(film.index));
+  }
+  std::filesystem::remove(film.index);
+  std::filesystem::create_directory(film.index);
+  expect_refused({"index", film.stream, "--repair"}, "film.mdb' is not a regular file");
+  EXPECT_THAT(names(), SizeIs(2));
+}
+
+TEST_F(PlexaPvrRecordTest, RenameTakesNoNameThatIsTaken) {
+  const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
+  const auto stream = read_file(film.stream);
+  ASSERT_EQ(::mkfifo(dir_.file("pipe.kvf").c_str(), 0600), 0);
+  std::filesystem::create_symlink("nowhere", dir_.file("link.mdb"));
+  write_file(dir_.file("thumbs.tm"), {1});
+  write_file(dir_.file("locked.kvf"), {1, 2, 3});
+  ::chmod(dir_.file("locked.kvf").c_str(), 0);
+  for (const char *const name : {"film", "pipe", "link", "thumbs", "locked"}) {
+    const Ended run =
+        pvr({"rename", film.stream, dir_.file(name) + ".kvf"}, {.obey_permissions = true});
+    EXPECT_EQ(run.exit_code, 1) << name;
+    EXPECT_TRUE(complains_once(run, "exists already")) << run.err;
+  }
+  EXPECT_EQ(read_file(film.stream), stream);
+  EXPECT_EQ(size_of(dir_.file("locked.kvf")), 3);
+}
+
+TEST_F(PlexaPvrRecordTest, ASizeIsRoundedToTheUnitThatItReaches) {
+  const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
+  truncate_to(film.stream, 999972);
+  EXPECT_THAT(pvr({"info", film.stream}).out, HasSubstr("1.0 MB (999972 bytes"));
 }
 
 TEST_F(PlexaPvrRecordTest, AFullDiskLeavesTheOldIndex) {

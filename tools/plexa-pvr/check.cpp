@@ -18,6 +18,7 @@ constexpr gint64 kFirstLook = 64;
 constexpr gint64 kWholeLook = 65536;
 // This many sync bytes in a row, and the packets are in step again.
 constexpr gint64 kInStep = 5;
+constexpr guint32 kEndSlack = 1000;  // ms that a recorder may count on behind the last picture
 constexpr guint16 kLastPid = 0x1ffe;
 constexpr int kCodecs = 5;
 
@@ -69,6 +70,7 @@ class IndexCheck {
   std::vector<uint8_t> read_pes(const Gop &gop, gint64 packets);
   Entry look_at(const Gop &gop, int code, const std::vector<uint8_t> &beginning);
   void check_picture(const Gop &gop, int code, const std::vector<uint8_t> &beginning);
+  void check_end_time(const Gop &last);
   void check_end(const Gop &last);
 
   Recording &recording_;
@@ -299,6 +301,19 @@ void IndexCheck::check_picture(const Gop &gop, int code, const std::vector<uint8
   }
 }
 
+// Tools that do not look at the stream take the recording's length from the base table alone.
+void IndexCheck::check_end_time(const Gop &last) {
+  const pvr_base_table_s &table = recording_.parser()->base_table;
+  if (!recording_.complete() || table.end_time_code < table.start_time_code) return;
+  const guint32 duration = table.end_time_code - table.start_time_code;
+  if (duration >= last.time_code && duration <= guint64{last.next_gop_first_time} + kEndSlack) {
+    return;
+  }
+  index_fault("base-table", 16,
+              format("the end time says %u ms, the last GOP lasts from %u to %u ms", duration,
+                     last.time_code, last.next_gop_first_time));
+}
+
 void IndexCheck::check_end(const Gop &last) {
   if (last.next_gop_first_packet_count > packets()) {
     fault("index-longer",
@@ -312,7 +327,9 @@ void IndexCheck::check_end(const Gop &last) {
           format("the index ends at packet %llu, the stream at %llu",
                  number(last.next_gop_first_packet_count), number(packets())),
           last);
+    return;
   }
+  check_end_time(last);
 }
 
 // The sync byte of every packet. A stretch without them is one fault.

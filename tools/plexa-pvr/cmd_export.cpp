@@ -76,12 +76,6 @@ Range range_of(Recording &recording, gint32 from, gint32 to) {
   return range;
 }
 
-void refuse_own_files(const Recording &recording, const std::string &output) {
-  if (same_file(output, recording.stream_path()) || same_file(output, recording.index_path())) {
-    throw path_failure(output, "is a file of the recording itself");
-  }
-}
-
 void copy_range(Recording &recording, const Range &range, OutputFile &output,
                 const std::atomic<bool> &interrupted) {
   ProgressBar bar("exporting");

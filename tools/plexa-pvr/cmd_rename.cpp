@@ -18,8 +18,9 @@ extern const Command kRename;
 
 namespace {
 
-// Opening tells, wherever the file lies.
+// On a box only opening tells. On the own disk it does not: a file may be unreadable, or a pipe.
 bool is_there(const std::string &path) {
+  if (!rec::is_box_in_use()) return file_exists(path);
   try {
     PvrFile(path, GST_PVR_FILE_STREAM);
     return true;
@@ -54,7 +55,10 @@ void rename_recording(const std::string &from, const std::string &to, bool json)
   rec::RecordingPaths new_paths;
   const std::string problem = rec::resolve_recording(to, new_paths);
   if (!problem.empty()) throw Failure(display(problem));
-  for (const std::string &path : {new_paths.stream, new_paths.index}) {
+  // Thumbnails that someone else's recording has left behind would pass for this one's.
+  for (const std::string &path :
+       {new_paths.stream, new_paths.index, beside(new_paths.stream, ".thm"),
+        beside(new_paths.stream, ".tm")}) {
     if (is_there(path)) throw path_failure(path, "exists already");
   }
   std::unique_ptr<const LockedStream> lock;

@@ -1,10 +1,12 @@
 // cmd_report.cpp - plexa-pvr report: one page that shows what a recording is.
+#include <atomic>
 #include <cstdio>
 #include <map>
 
 #include "chart.h"
 #include "command_line.h"
 #include "failure.h"
+#include "interrupt.h"
 #include "output_file.h"
 #include "recording.h"
 #include "sheet.h"
@@ -99,23 +101,25 @@ std::string channel_table(Recording &recording, const Series &series) {
   return "<table>\n" + rows + "</table>\n";
 }
 
-std::string sheet_image(const Recording &recording) {
+std::vector<SheetPicture> pictures_of(const Recording &recording) {
   const ThumbnailFile file = make_thumbnail_file(recording);
-  const auto png =
-      draw_sheet(display(recording.stream_path()),
-                 decode_thumbnails(file.path, file.total_time, file.sizes, file.codes));
+  return decode_thumbnails(file.path, file.total_time, file.sizes, file.codes);
+}
+
+std::string sheet_image(const Recording &recording, const std::vector<SheetPicture> &pictures) {
+  const auto png = draw_sheet(display(recording.stream_path()), pictures);
   return "<img alt=\"Five pictures of the recording\" src=\"data:image/png;base64," + base64(png) +
          "\">\n";
 }
 
-std::string page(Recording &recording) {
+std::string page(Recording &recording, const std::vector<SheetPicture> &pictures) {
   const std::string name = escape(display(recording.stream_path()));
   const Series series = series_of(recording);
   const gint32 duration = recording.duration();
   std::string html =
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n<title>" + name +
       "</title>\n<style>" + kStyle + "</style>\n</head>\n<body>\n<h1>" + name + "</h1>\n";
-  html += sheet_image(recording) + facts(recording);
+  html += sheet_image(recording, pictures) + facts(recording);
   html += "<h2>Over time</h2>\n";
   html += svg_chart("Bit rate", series.bit_rate, duration, "Mbit/s");
   html += svg_chart("GOP length", series.gop_length, duration, "ms");
@@ -131,10 +135,15 @@ int run(int argc, char **argv) {
   if (!line.parse(argc, argv, 2, 2)) return kExitOk;
 
   Recording recording(line.operand(0));
+  const std::atomic<bool> &interrupted = catch_interrupts();
+  refuse_own_files(recording, line.operand(1));
   OutputFile output(line.operand(1), overwrite != FALSE);
-  const std::string html = page(recording);
+  const std::vector<SheetPicture> pictures = pictures_of(recording);
+  const std::string html = page(recording, pictures);
+  if (interrupted) throw path_failure(output.path(), "interrupted; nothing is written");
   output.write(html.data(), html.size());
   output.commit();
+  check_decoded(pictures);
   return kExitOk;
 }
 

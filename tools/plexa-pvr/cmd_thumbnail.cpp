@@ -37,8 +37,8 @@ struct Options {
 
 std::string file_name(const std::string &path) { return path.substr(path.rfind('/') + 1); }
 
-void write_sheet(const Recording &recording, const ThumbnailFile &file, OutputFile &output) {
-  const auto pictures = decode_thumbnails(file.path, file.total_time, file.sizes, file.codes);
+void write_sheet(const Recording &recording, const ThumbnailFile &file,
+                 const std::vector<SheetPicture> &pictures, OutputFile &output) {
   const std::string title =
       display(file_name(recording.stream_path())) + "   " + clock_text(file.total_time);
   const std::vector<uint8_t> png = draw_sheet(title, pictures);
@@ -73,14 +73,22 @@ void print_json(const ThumbnailFile &file, const std::string &sheet) {
 }
 
 int make_thumbnails(const Recording &recording, const Options &options, bool json) {
+  const std::atomic<bool> &interrupted = catch_interrupts();
   std::unique_ptr<OutputFile> sheet;  // an output that cannot be is known before the work begins
   if (options.sheet) {
+    refuse_own_files(recording, options.sheet.text());
     sheet = std::make_unique<OutputFile>(options.sheet.text(), options.overwrite != FALSE);
   }
   const ThumbnailFile file = make_thumbnail_file(recording);
-  if (sheet != nullptr) write_sheet(recording, file, *sheet);
+  std::vector<SheetPicture> pictures;
+  if (sheet != nullptr) {
+    pictures = decode_thumbnails(file.path, file.total_time, file.sizes, file.codes);
+    if (interrupted) throw path_failure(sheet->path(), "interrupted; nothing is written");
+    write_sheet(recording, file, pictures, *sheet);
+  }
   const std::string sheet_path = options.sheet.text();
   json ? print_json(file, sheet_path) : print_text(file, sheet_path);
+  check_decoded(pictures);
   return kExitOk;
 }
 
@@ -112,24 +120,39 @@ class Strip {
   Strip(Recording &recording, const Options &options, gint32 step)
       : recording_(recording), options_(options), step_(step) {}
 
-  // The number of pictures written until the end, or until `stop`.
-  gint32 run(const std::atomic<bool> &stop) {
+  gint32 written() const { return written_; }
+  gint32 missing() const { return missing_; }              // could not be decoded
+  const std::string &problem() const { return problem_; }  // of the first that is missing
+
+  // Until the end, or until `stop`. Throws when no picture can be decoded.
+  void run(const std::atomic<bool> &stop) {
     const gint32 total = recording_.duration();
     const gint32 average = average_iframe_size(recording_);
     ProgressBar bar("thumbnail");
-    gint32 pictures = 0;
     for (gint64 time = 0; time < std::max(total, 1) && !stop; time += step_) {
       const CodedPicture picture(recording_, static_cast<gint32>(time), average);
-      write_preview(preview_path(options_, static_cast<gint32>(time), step_ % 1000 != 0),
-                    decoder_for(picture.codec()).encode(picture.bytes()),
-                    options_.overwrite != FALSE);
-      ++pictures;
+      const std::vector<uint8_t> image = decoded(picture);
+      if (!image.empty()) {
+        write_preview(preview_path(options_, static_cast<gint32>(time), step_ % 1000 != 0), image,
+                      options_.overwrite != FALSE);
+        ++written_;
+      }
       bar.update(static_cast<uint64_t>(time), static_cast<uint64_t>(total));
     }
-    return pictures;
+    if (written_ == 0 && missing_ > 0) throw Failure(problem_);
   }
 
  private:
+  // Empty: it is missing.
+  std::vector<uint8_t> decoded(const CodedPicture &picture) {
+    try {
+      return decoder_for(picture.codec()).encode(picture.bytes());
+    } catch (const Failure &failure) {
+      if (missing_++ == 0) problem_ = failure.what();
+      return {};
+    }
+  }
+
   PictureDecoder &decoder_for(int codec) {
     if (decoder_ == nullptr || codec != codec_) {
       const auto output =
@@ -143,6 +166,9 @@ class Strip {
   Recording &recording_;
   const Options &options_;
   const gint32 step_;
+  gint32 written_ = 0;
+  gint32 missing_ = 0;
+  std::string problem_;
   int codec_ = -1;
   std::unique_ptr<PictureDecoder> decoder_;
 };
@@ -152,15 +178,24 @@ int make_strip(Recording &recording, const Options &options, bool json) {
   if (step < 1) throw UsageError("--every: at least 1ms");
   make_folder(options.dir.text());
   const std::atomic<bool> &stop = catch_interrupts();
-  const gint32 pictures = Strip(recording, options, step).run(stop);
+  Strip strip(recording, options, step);
+  strip.run(stop);
   if (json) {
     Json document;
-    document.object().add("dir", display(options.dir.text())).add("pictures", pictures).end();
+    document.object()
+        .add("dir", display(options.dir.text()))
+        .add("pictures", strip.written())
+        .add("missing", strip.missing())
+        .end();
     std::fputs(document.text().c_str(), stdout);
   } else {
-    std::printf("%d pictures in %s\n", pictures, display(options.dir.text()).c_str());
+    std::printf("%d pictures in %s\n", strip.written(), display(options.dir.text()).c_str());
   }
   if (stop) throw Failure("interrupted");
+  if (strip.missing() > 0) {
+    throw Failure(format("%d of %d pictures are missing: %s", strip.missing(),
+                         strip.missing() + strip.written(), strip.problem().c_str()));
+  }
   return kExitOk;
 }
 

@@ -9,19 +9,23 @@
 #include <cstdlib>
 
 #include "failure.h"
+#include "files.h"
 
 namespace plexa::pvr {
 namespace {
-
-std::string folder_of(const std::string &path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
-}
 
 mode_t creation_mask() {
   const mode_t mask = ::umask(0);
   ::umask(mask);
   return mask;
+}
+
+// Both paths lead to one file.
+bool same_file(const std::string &one, const std::string &other) {
+  struct stat64 a {};
+  struct stat64 b {};
+  return ::stat64(one.c_str(), &a) == 0 && ::stat64(other.c_str(), &b) == 0 &&
+         a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 Failure exists_already(const std::string &path) {
@@ -95,11 +99,12 @@ void OutputFile::rename_to_path() {
   ::unlink(temporary_.c_str());
 }
 
-bool same_file(const std::string &one, const std::string &other) {
-  struct stat64 a {};
-  struct stat64 b {};
-  return ::stat64(one.c_str(), &a) == 0 && ::stat64(other.c_str(), &b) == 0 &&
-         a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+void refuse_own_files(const Recording &recording, const std::string &output) {
+  const std::string stem = recording.stream_path().substr(0, recording.stream_path().rfind('.'));
+  for (const std::string &own :
+       {recording.stream_path(), recording.index_path(), stem + ".thm", stem + ".tm"}) {
+    if (same_file(output, own)) throw path_failure(output, "is a file of the recording itself");
+  }
 }
 
 }  // namespace plexa::pvr

@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <string>
 
+#include "recording.h"
+
 namespace plexa::pvr {
 
 class OutputFile {
@@ -35,7 +37,7 @@ class OutputFile {
   int descriptor_ = -1;
 };
 
-// Both paths lead to one file.
-bool same_file(const std::string &one, const std::string &other);
+// An output that would replace the recording that it is made of throws.
+void refuse_own_files(const Recording &recording, const std::string &output);
 
 }  // namespace plexa::pvr

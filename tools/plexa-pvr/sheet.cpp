@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <span>
 
 #include "failure.h"
 #include "gst-plexa/gst_thumbnail_common.h"
@@ -58,6 +59,31 @@ cairo_status_t append_bytes(void *to, const unsigned char *data, unsigned int si
   return CAIRO_STATUS_SUCCESS;
 }
 
+bool is_missing(const SheetPicture &picture) { return !picture.problem.empty(); }
+
+Image grey_image() {
+  constexpr int kWidth = kPictureHeight * 4 / 3;
+  return {kWidth, kPictureHeight, std::vector<uint8_t>(size_t{kWidth} * kPictureHeight * 4, 0x38)};
+}
+
+// One damaged picture does not take the others with it.
+SheetPicture decoded(std::unique_ptr<PictureDecoder> &decoder, int codec,
+                     std::span<const uint8_t> coded) {
+  try {
+    if (decoder == nullptr) {
+      decoder =
+          std::make_unique<PictureDecoder>(codec, PictureDecoder::Output::kPixels, kPictureHeight);
+    }
+    return {0, decoder->decode(coded), ""};
+  } catch (const Failure &failure) {
+    return {0, grey_image(), failure.what()};
+  }
+}
+
+std::string caption(const SheetPicture &picture) {
+  return clock_text(picture.time) + (is_missing(picture) ? ", no picture" : "");
+}
+
 // Wherever recordings lie.
 std::vector<uint8_t> read_whole_file(const std::string &path) {
   PvrFile file(path, GST_PVR_FILE_STREAM);
@@ -87,14 +113,23 @@ std::vector<SheetPicture> decode_thumbnails(const std::string &thm_path, gint32 
   size_t at = 0;
   for (size_t i = 0; i < times.size(); ++i) {
     if (sizes[i] > bytes.size() - at) throw path_failure(thm_path, "shorter than its pictures");
-    if (decoder == nullptr || codes[i] != codes[i - 1]) {
-      decoder = std::make_unique<PictureDecoder>(codes[i], PictureDecoder::Output::kPixels,
-                                                 kPictureHeight);
-    }
-    pictures.push_back({times[i], decoder->decode({bytes.data() + at, sizes[i]})});
+    if (i > 0 && codes[i] != codes[i - 1]) decoder.reset();
+    pictures.push_back(decoded(decoder, codes[i], {bytes.data() + at, sizes[i]}));
+    pictures.back().time = times[i];
     at += sizes[i];
   }
+  if (std::all_of(pictures.begin(), pictures.end(), is_missing)) {
+    throw Failure(pictures.front().problem);
+  }
   return pictures;
+}
+
+void check_decoded(const std::vector<SheetPicture> &pictures) {
+  const auto missing = std::count_if(pictures.begin(), pictures.end(), is_missing);
+  if (missing == 0) return;
+  const auto first = std::find_if(pictures.begin(), pictures.end(), is_missing);
+  throw Failure(format("%d of %zu pictures are missing: %s", static_cast<int>(missing),
+                       pictures.size(), first->problem.c_str()));
 }
 
 std::vector<uint8_t> draw_sheet(const std::string &title,
@@ -112,7 +147,7 @@ std::vector<uint8_t> draw_sheet(const std::string &title,
   int x = kMargin;
   for (const SheetPicture &picture : pictures) {
     draw_image(context.get(), picture.image, x, kTitleHeight);
-    draw_centred(context.get(), clock_text(picture.time), x + picture.image.width / 2.0,
+    draw_centred(context.get(), caption(picture), x + picture.image.width / 2.0,
                  kTitleHeight + kPictureHeight + kCaptionHeight - 5);
     x += picture.image.width + kMargin;
   }

@@ -20,9 +20,11 @@ std::string taken(gchar *text) {
   return copy;
 }
 
+constexpr double kRoundsToThousand = 999.95;  // with one digit behind the point
+
 std::string scaled(double value, const char *const *units, size_t count) {
   size_t unit = 0;
-  while (value >= 1000 && unit + 1 < count) {
+  while (value >= kRoundsToThousand && unit + 1 < count) {
     value /= 1000;
     ++unit;
   }

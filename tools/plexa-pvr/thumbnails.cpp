@@ -1,5 +1,6 @@
 #include "thumbnails.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 
@@ -31,9 +32,13 @@ ThumbnailFile make_thumbnail_file(const Recording &recording) {
   if (gst_thumbnail_get_total_recorded_time(stream.c_str(), &file.total_time) != 1) {
     throw path_failure(stream, "the recorded time cannot be read");
   }
+  errno = 0;
   if (gst_plexa_api_make_thumbnail_file(stream.c_str(), file.sizes.data(), file.codes.data()) !=
       1) {
-    throw path_failure(file.path, "the thumbnails could not be made; --log error tells why");
+    const int error = errno;
+    throw path_failure(file.path,
+                       format("the thumbnails could not be made%s%s; --log error tells why",
+                              error != 0 ? ": " : "", error != 0 ? g_strerror(error) : ""));
   }
   return file;
 }
