@@ -29,7 +29,7 @@ namespace {
 using plexa_bench::compare;
 
 constexpr size_t kCall = 192512;
-constexpr size_t kReadPacket = 65536;   // data of one packet that the box sends
+constexpr size_t kReadPacket = 49152;   // data of one packet that the box sends
 constexpr size_t kWritePacket = 32736;  // and of one that the library sends
 constexpr size_t kHeader = 28;
 constexpr size_t kDataAt = 32;
@@ -92,7 +92,8 @@ bool receive(int socket, char *bytes, size_t size) {
 struct Exchange {
   std::vector<size_t> taken;
   std::vector<size_t> sent;
-  int stored_in = -1;  // a file that takes what was taken
+  int stored_in = -1;    // a file that takes what was taken
+  int loaded_from = -1;  // a file that what is sent comes from
 };
 
 // A process at the other end of a loopback connection that does nothing but that.
@@ -139,8 +140,18 @@ class BareEnd {
       }
       stored += kCall;
       if (stored >= kCall * kCallsOfAFile) lseek(exchange.stored_in, 0, SEEK_SET), stored = 0;
-      for (const size_t size : exchange.sent) send(socket, bytes_.data(), size, MSG_NOSIGNAL);
+      for (const size_t size : exchange.sent) {
+        if (exchange.loaded_from >= 0) load(exchange.loaded_from, size - kDataAt);
+        send(socket, bytes_.data(), size, MSG_NOSIGNAL);
+      }
     }
+  }
+
+  // From the beginning again at the end, as our own reads do.
+  void load(int file, size_t size) {
+    if (::read(file, bytes_.data() + kDataAt, size) == static_cast<ssize_t>(size)) return;
+    lseek(file, 0, SEEK_SET);
+    if (::read(file, bytes_.data() + kDataAt, size) < 0) _exit(1);
   }
 
   std::vector<char> bytes_;
@@ -226,10 +237,32 @@ void make_file() {
   for (int call = 0; call < kCallsOfAFile; ++call) file.write(bytes.data(), kCall);
 }
 
-void read_over_loopback(benchmark::State &state) {
+// A file of its own for a bare end that does what a box is there for, too, by plain calls. It has
+// no name.
+class Store {
+ public:
+  Store() : file_(open("bench-stored", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)) {
+    require(file_ >= 0, "bench-stored");
+    unlink("bench-stored");
+    const std::vector<char> bytes(kCall, 'G');
+    for (int call = 0; call < kCallsOfAFile; ++call) {
+      require(::write(file_, bytes.data(), kCall) > 0, "write");
+    }
+    lseek(file_, 0, SEEK_SET);
+  }
+  ~Store() { close(file_); }
+  Store(const Store &) = delete;
+  Store &operator=(const Store &) = delete;
+  int file() const { return file_; }
+
+ private:
+  int file_;
+};
+
+void read_against(benchmark::State &state, int loaded_from) {
   const Box box;
   make_file();
-  BareEnd bare({{kDataAt}, packets_of(kCall, kReadPacket)});
+  BareEnd bare({{kDataAt}, packets_of(kCall, kReadPacket), -1, loaded_from});
   BoxFile file(GST_PVR_FILE_READ);
   std::vector<char> bytes(kCall);
   int call = 0;
@@ -244,14 +277,18 @@ void read_over_loopback(benchmark::State &state) {
         file.read(bytes.data(), kCall);
       });
 }
+void read_over_loopback(benchmark::State &state) { read_against(state, -1); }
 BENCHMARK(read_over_loopback)->UseManualTime()->Iterations(4000);
+
+void read_over_loopback_stored(benchmark::State &state) { read_against(state, Store().file()); }
+BENCHMARK(read_over_loopback_stored)->UseManualTime()->Iterations(4000);
 
 // The file is as long as it becomes before anything is measured: a new page of it costs the disk's
 // part, not the connection's.
 void write_against(benchmark::State &state, int stored_in) {
   const Box box;
   make_file();
-  BareEnd bare({packets_of(kCall, kWritePacket), {kHeader}, stored_in});
+  BareEnd bare({packets_of(kCall, kWritePacket), {kHeader}, stored_in, -1});
   BoxFile file(GST_PVR_FILE_WRITE);
   const std::vector<char> bytes(kCall, 'G');
   for (int call = 0; call < kCallsOfAFile; ++call) file.write(bytes.data(), kCall);
@@ -271,19 +308,7 @@ void write_against(benchmark::State &state, int stored_in) {
 void write_over_loopback(benchmark::State &state) { write_against(state, -1); }
 BENCHMARK(write_over_loopback)->UseManualTime()->Iterations(4000);
 
-// Against a bare end that does what a box is there for, too, with a plain write(2) a packet.
-void write_over_loopback_stored(benchmark::State &state) {
-  const int file = open("bench-stored", O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  require(file >= 0, "bench-stored");
-  unlink("bench-stored");
-  const std::vector<char> bytes(kCall, 'G');
-  for (int call = 0; call < kCallsOfAFile; ++call) {
-    require(::write(file, bytes.data(), kCall) > 0, "write");
-  }
-  lseek(file, 0, SEEK_SET);
-  write_against(state, file);
-  close(file);
-}
+void write_over_loopback_stored(benchmark::State &state) { write_against(state, Store().file()); }
 BENCHMARK(write_over_loopback_stored)->UseManualTime()->Iterations(4000);
 
 void seek_and_read_over_loopback(benchmark::State &state) {

@@ -113,8 +113,8 @@ TEST_P(BackEndContractTest, WhatIsWrittenLiesOnTheRightDisk) {
 
 TEST_P(BackEndContractTest, BytesOfAnySizeComeBackInOrder) {
   for (const size_t size :
-       {size_t{1}, size_t{32736}, size_t{32737}, size_t{65536}, size_t{65537}, size_t{192512},
-        size_t{1} << 20, (size_t{1} << 20) + 1, size_t{5000000}}) {
+       {size_t{1}, size_t{32736}, size_t{32737}, size_t{49152}, size_t{49153}, size_t{65536},
+        size_t{192512}, size_t{1} << 20, (size_t{1} << 20) + 1, size_t{5000000}}) {
     write_film(counting_bytes(size));
     const Bytes expected = stored(counting_bytes(size));
     Handle handle;

@@ -83,7 +83,8 @@ TEST_F(PlexaBoxServerTest, AnswersCarryTheResult) {
 
 TEST_F(PlexaBoxServerTest, ThePacketsOfAWriteMayHaveAnySize) {
   const Bytes data = counting_bytes(200000);
-  for (const size_t size : {size_t{1000}, size_t{32736}, size_t{65536}, size_t{199999}}) {
+  for (const size_t size :
+       {size_t{1000}, size_t{32736}, size_t{49152}, size_t{49153}, size_t{199999}}) {
     RawClient client(box());
     ASSERT_TRUE(client.open("/film.kvf", kToWrite));
     for (size_t at = 0; at < data.size(); at += size) {

@@ -22,8 +22,9 @@ namespace plexa::box {
 namespace {
 
 // The data of one packet of a read's answer. Small enough that the client copies one packet while
-// the next one is read; as large as a packet can be where the file may be cut between two.
-constexpr std::size_t kReadData = 65536;
+// the next one is read, and that the kernel sends it in one piece with its head, as it would not
+// with 64 KiB; as large as a packet can be where the file may be cut between two.
+constexpr std::size_t kReadData = 49152;
 constexpr std::size_t kMostReadData = kPacketBufferSize - sizeof(ReadAnswer);
 
 // What an unknown client sends to have a file removed, in the manner of the other requests.
