@@ -359,6 +359,20 @@ TEST_F(PlexaPvrRecordTest, RenameTakesNoNameThatIsTaken) {
   EXPECT_EQ(size_of(dir_.file("locked.kvf")), 3);
 }
 
+TEST_F(PlexaPvrRecordTest, ARecordingsNameEndsInKvf) {
+  const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
+  for (const char *const name : {"other", "other.ts", "other.mdb", ".kvf", "."}) {
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"record", h264_stream(), dir_.file(name)},
+          std::vector<std::string>{"rename", film.stream, dir_.file(name)}}) {
+      const Ended run = pvr(command);
+      EXPECT_EQ(run.exit_code, 2) << command[0] << ' ' << name;
+      EXPECT_THAT(run.err, HasSubstr("must end in .kvf"));
+    }
+  }
+  EXPECT_THAT(names(), SizeIs(2));
+}
+
 TEST_F(PlexaPvrRecordTest, ASizeIsRoundedToTheUnitThatItReaches) {
   const RecordingFiles film = record(h264_stream(), dir_.file("film.kvf"));
   truncate_to(film.stream, 999972);

@@ -20,6 +20,7 @@
 #include "gst-plexa/gst_edit_unit.h"
 #include "gst-plexa/gst_pvr_tools.h"
 #include "index_image.h"
+#include "input_file.h"
 #include "interrupt.h"
 #include "json.h"
 #include "output_file.h"
@@ -217,12 +218,8 @@ struct NewNames {
 };
 
 // Absolute and without symbolic links, as the library wants them.
-NewNames new_names(const std::string &given) {
-  if (!given.ends_with(kStreamExtension) || given.ends_with(std::string("/") + kStreamExtension) ||
-      given == kStreamExtension) {
-    throw UsageError(format("the recording's name must end in %s: '%s'", kStreamExtension,
-                            display(given).c_str()));
-  }
+NewNames new_names(const std::string &operand) {
+  const std::string &given = stream_name(operand);
   char *const folder = ::realpath(folder_of(given).c_str(), nullptr);
   if (folder == nullptr) throw path_failure(folder_of(given), errno);
   std::string stem(folder);

@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "files.h"
 #include "gst-plexa/gst_pvr_file.h"
+#include "input_file.h"
 #include "json.h"
 #include "paths.h"
 #include "recording.h"
@@ -85,7 +86,7 @@ int run(int argc, char **argv) {
   CommandLine line(kRename);
   line.add_json();
   if (!line.parse(argc, argv, 2, 2)) return kExitOk;
-  rename_recording(line.operand(0), line.operand(1), line.json());
+  rename_recording(line.operand(0), stream_name(line.operand(1)), line.json());
   return kExitOk;
 }
 

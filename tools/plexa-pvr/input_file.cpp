@@ -32,7 +32,10 @@ InputFile::~InputFile() {
 }
 
 const std::string &stream_name(const std::string &operand) {
-  if (operand.ends_with(kExtension)) return operand;
+  const size_t extension = operand.size() - sizeof kExtension + 1;
+  if (operand.ends_with(kExtension) && extension > 0 && operand[extension - 1] != '/') {
+    return operand;
+  }
   throw UsageError(
       format("the recording's name must end in %s: '%s'", kExtension, display(operand).c_str()));
 }

@@ -1,4 +1,4 @@
-// input_file.h - what `record` and `timeshift` record, and what they call the result.
+// input_file.h - what `record` and `timeshift` record, and what a recording may be called.
 #pragma once
 
 #include <string>
@@ -20,7 +20,7 @@ class InputFile {
   int descriptor_ = -1;
 };
 
-// The operand, which must be the name of a stream file. Throws a UsageError.
+// The operand, which must be the name of a stream file: "NAME.kvf". Throws a UsageError.
 const std::string &stream_name(const std::string &operand);
 
 }  // namespace plexa::pvr
