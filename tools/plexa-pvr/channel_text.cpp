@@ -1,3 +1,4 @@
+// channel_text.cpp - see channel_text.h.
 #include "channel_text.h"
 
 #include "text.h"

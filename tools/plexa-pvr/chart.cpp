@@ -1,3 +1,4 @@
+// chart.cpp - see chart.h.
 #include "chart.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// check.cpp - see check.h.
 #include "check.h"
 
 #include <algorithm>

@@ -26,6 +26,7 @@
 #include "output_file.h"
 #include "recorder.h"
 #include "recording.h"
+#include "recording_work.h"
 #include "text.h"
 
 namespace plexa::pvr {
@@ -324,7 +325,12 @@ void drop_partial_packet(const std::string &path) {
 void index_the_rest(const NewNames &names) {
   drop_partial_packet(names.stream);
   rec::Options options;
-  const rec::Outcome outcome = rec::repair_index(names.stream, options);
+  options.stop = &catch_interrupts();
+  rec::Outcome outcome;
+  {
+    const RecorderProgress progress("indexing", options);
+    outcome = rec::repair_index(names.stream, options);
+  }
   if (outcome.ok) return;
   throw Failure(display(outcome.error) + "; the recording is kept, but its end is not indexed ('" +
                 "plexa-pvr index --repair' does it)");

@@ -1,3 +1,4 @@
+// command_line.cpp - see command_line.h.
 #include "command_line.h"
 
 #include <cstdio>

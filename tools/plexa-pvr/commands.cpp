@@ -1,3 +1,4 @@
+// commands.cpp - see commands.h.
 #include "commands.h"
 
 namespace plexa::pvr {

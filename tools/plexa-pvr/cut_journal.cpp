@@ -1,3 +1,4 @@
+// cut_journal.cpp - see cut_journal.h.
 #include "cut_journal.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// decoder.cpp - see decoder.h.
 #include "decoder.h"
 
 #include <gst/app/gstappsink.h>

@@ -1,3 +1,4 @@
+// entry_picture.cpp - see entry_picture.h.
 #include "entry_picture.h"
 
 #define GST_USE_UNSTABLE_API

@@ -1,3 +1,4 @@
+// failure.cpp - see failure.h.
 #include "failure.h"
 
 #include <glib.h>

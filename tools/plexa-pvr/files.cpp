@@ -1,3 +1,4 @@
+// files.cpp - see files.h.
 #include "files.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// gop_match.cpp - see gop_match.h.
 #include "gop_match.h"
 
 #include <array>

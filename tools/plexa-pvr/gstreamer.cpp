@@ -1,3 +1,4 @@
+// gstreamer.cpp - see gstreamer.h.
 #include "gstreamer.h"
 
 #include <gst/gst.h>

@@ -1,3 +1,4 @@
+// index_image.cpp - see index_image.h.
 #include "index_image.h"
 
 #include <algorithm>

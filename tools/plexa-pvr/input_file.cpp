@@ -1,3 +1,4 @@
+// input_file.cpp - see input_file.h.
 #include "input_file.h"
 
 #include <fcntl.h>

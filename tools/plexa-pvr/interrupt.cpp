@@ -1,3 +1,4 @@
+// interrupt.cpp - see interrupt.h.
 #include "interrupt.h"
 
 #include <csignal>

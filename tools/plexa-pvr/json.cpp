@@ -1,3 +1,4 @@
+// json.cpp - see json.h.
 #include "json.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// output_file.cpp - see output_file.h.
 #include "output_file.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// pes.cpp - see pes.h.
 #include "pes.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// program_tables.cpp - see program_tables.h.
 #include "program_tables.h"
 
 #define GST_USE_UNSTABLE_API

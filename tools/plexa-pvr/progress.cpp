@@ -1,3 +1,4 @@
+// progress.cpp - see progress.h.
 #include "progress.h"
 
 #include <sys/ioctl.h>

@@ -1,3 +1,4 @@
+// recording.cpp - see recording.h.
 #include "recording.h"
 
 #include <fcntl.h>

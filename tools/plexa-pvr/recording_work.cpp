@@ -1,3 +1,4 @@
+// recording_work.cpp - see recording_work.h.
 #include "recording_work.h"
 
 #include <cstdio>

@@ -1,5 +1,5 @@
-// recording_work.h - what `record` and `index` share around the recorder: its progress on the
-// terminal and its summary.
+// recording_work.h - what `record`, `index` and others share around the recorder: its progress on
+// the terminal and its summary.
 #pragma once
 
 #include <string>

@@ -1,3 +1,4 @@
+// seam.cpp - see seam.h.
 #include "seam.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// sheet.cpp - see sheet.h.
 #include "sheet.h"
 
 #include <cairo.h>

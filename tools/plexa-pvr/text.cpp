@@ -1,3 +1,4 @@
+// text.cpp - see text.h.
 #include "text.h"
 
 #include <array>

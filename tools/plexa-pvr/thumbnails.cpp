@@ -1,3 +1,4 @@
+// thumbnails.cpp - see thumbnails.h.
 #include "thumbnails.h"
 
 #include <cerrno>

@@ -1,3 +1,4 @@
+// timeshift_ledger.cpp - see timeshift_ledger.h.
 #include "timeshift_ledger.h"
 
 #include <algorithm>
