@@ -1,3 +1,4 @@
+// fixture.cpp - see fixture.h.
 #include "fixture.h"
 
 #include <gst-plexa/gst_index_parser.h>

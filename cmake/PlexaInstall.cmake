@@ -1,4 +1,4 @@
-# The library's part of "cmake --install". The programs, the plug-in and the host platform install
+# The library's part of "cmake --install". The programs and the host platform install
 # themselves, each from its own folder; the host platform joins the export set named here.
 
 include(CMakePackageConfigHelpers)

@@ -1,3 +1,4 @@
+// box_support.cpp - see box_support.h.
 #include "box_support.h"
 
 #include <arpa/inet.h>

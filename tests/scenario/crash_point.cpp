@@ -1,3 +1,4 @@
+// crash_point.cpp - see crash_point.h.
 #include "crash_point.h"
 
 #include <fcntl.h>

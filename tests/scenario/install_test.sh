@@ -34,6 +34,18 @@ for header in "$source"/include/gst-plexa/*.h; do
   cmp -s "$header" "$prefix/include/gst-plexa/$(basename "$header")" ||
     fail "not installed: $(basename "$header")"
 done
+# The programs come with their manual pages; a build without them has none to install.
+if grep -qi "^PLEXA_BUILD_TOOLS:BOOL=ON$" "$build/CMakeCache.txt"; then
+  for file in bin/plexa-{pvr,box} share/man/man1/plexa-{pvr,box}.1 \
+    share/bash-completion/completions/plexa-{pvr,box} lib/systemd/system/plexa-box.service \
+    "$libdir/libplexa-box-detect.so"; do
+    [[ -s $prefix/$file ]] || fail "not installed: $file"
+  done
+  for program in plexa-pvr plexa-box; do
+    LD_LIBRARY_PATH=$library${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH} "$prefix/bin/$program" --version \
+      > "$work/program.log" 2>&1 || fail "the installed $program: $(< "$work/program.log")"
+  done
+fi
 if grep -rIl --include='*.pc' --include='*.cmake' -e "$build" -e "$source" -e "$work" "$prefix"; then
   fail 'these files name a folder of this machine'
 fi

@@ -1,6 +1,8 @@
-// A client of the box while a time-shift stream is cut under it, and files when memory runs out.
+// A client of the box while a time-shift stream is cut under it, files when memory runs out, and
+// while they are being opened.
 //
-// The box's parts run in this process, so that a cut can come between any two of their calls.
+// The box's parts run in this process, so that a cut, or another client, can come between any two
+// of their calls.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <sys/socket.h>
@@ -28,8 +30,22 @@ namespace {
 std::function<void(GstPvrFile *, int)> before_read;
 std::function<void(GstPvrFile *, int)> behind_read;
 int reads = 0;
+// Called when the box has opened a file.
+std::function<void()> behind_open;
 
 }  // namespace
+
+__attribute__((visibility("default"))) gint64 gst_pvr_file_open(GstPvrFile *file, const gchar *path,
+                                                                guint32 permission, guint32 io,
+                                                                guint32 type, guint32 ext,
+                                                                guint32 append_mode,
+                                                                guint32 atsc3) {
+  static const auto next =
+      reinterpret_cast<decltype(&gst_pvr_file_open)>(dlsym(RTLD_NEXT, "gst_pvr_file_open"));
+  const gint64 result = next(file, path, permission, io, type, ext, append_mode, atsc3);
+  if (behind_open) behind_open();
+  return result;
+}
 
 __attribute__((visibility("default"))) gint64 gst_pvr_file_read(GstPvrFile *file, void *buffer,
                                                                 gint64 size) {
@@ -171,6 +187,47 @@ TEST_P(PlexaBoxCutTest, ACutBeforeTheFirstPieceLeavesOneRangeToo) {
   open();
   EXPECT_TRUE(read(4000000) == stream(kMostInAPacket, 15 * kUnit));
   EXPECT_TRUE(read(1000) == stream(1000, 15 * kUnit + kMostInAPacket));
+}
+
+// ---- Files that are being opened ----
+
+header_data_s answer_to(const Bytes &request, const Root &root) {
+  int ends[2];
+  EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  EXPECT_EQ(::send(ends[0], request.data(), request.size(), 0), std::ssize(request));
+  ::shutdown(ends[0], SHUT_WR);
+  Session(ends[1], root, {kPatience, false}, "test").run();
+  header_data_s answer{};
+  EXPECT_EQ(::recv(ends[0], &answer, sizeof answer, MSG_WAITALL), 28);
+  ::close(ends[0]);
+  return answer;
+}
+
+TEST(PlexaBoxOpenTest, AFileThatIsBeingOpenedIsNotRemoved) {
+  plexa_host_set_log_level(PLEXA_HOST_LOG_LEVEL_OFF);
+  const TempDir dir;
+  const Root root(dir.path());
+  const Bytes removal = remove_request("/film.kvf");
+  int32_t answer = 0;
+  behind_open = [&] { answer = answer_to(removal, root).command; };
+  BoxFile file(kPatience);
+  EXPECT_EQ(file.open(dir.file("film.kvf"), {0, 0, 0, 0}, 0), 1);
+  behind_open = nullptr;
+  EXPECT_EQ(answer, plexa::COMMAND_TYPE_IO_NG);
+  EXPECT_EQ(::access(dir.file("film.kvf").c_str(), F_OK), 0);
+  EXPECT_EQ(file.close(), 1);
+  EXPECT_EQ(answer_to(removal, root).command, plexa::COMMAND_TYPE_IO_OK);
+  EXPECT_NE(::access(dir.file("film.kvf").c_str(), F_OK), 0);
+}
+
+TEST(PlexaBoxOpenTest, AFileThatCouldNotBeOpenedIsNotHeldOpen) {
+  plexa_host_set_log_level(PLEXA_HOST_LOG_LEVEL_OFF);
+  const TempDir dir;
+  BoxFile file(kPatience);
+  EXPECT_EQ(file.open(dir.file("film.kvf"), {1, 0, 0, 0}, 0), -1);
+  write_file(dir.file("film.kvf"), {1});
+  EXPECT_EQ(answer_to(remove_request("/film.kvf"), Root(dir.path())).command,
+            plexa::COMMAND_TYPE_IO_OK);
 }
 
 // ---- Memory that runs out ----

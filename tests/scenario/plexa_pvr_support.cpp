@@ -1,3 +1,4 @@
+// plexa_pvr_support.cpp - see plexa_pvr_support.h.
 #include "plexa_pvr_support.h"
 
 #include <fcntl.h>

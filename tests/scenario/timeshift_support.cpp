@@ -1,3 +1,4 @@
+// timeshift_support.cpp - see timeshift_support.h.
 #include "timeshift_support.h"
 
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// fake_platform.cpp - see fake_platform.h.
 #include "fake_platform.h"
 
 #include <cerrno>

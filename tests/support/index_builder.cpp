@@ -1,3 +1,4 @@
+// index_builder.cpp - see index_builder.h.
 #include "index_builder.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// library_state.cpp - see library_state.h.
 #include "library_state.h"
 
 #include <filesystem>

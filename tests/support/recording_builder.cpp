@@ -1,3 +1,4 @@
+// recording_builder.cpp - see recording_builder.h.
 #include "recording_builder.h"
 
 #include "temp_dir.h"

@@ -1,3 +1,4 @@
+// ts_builder.cpp - see ts_builder.h.
 #include "ts_builder.h"
 
 #include <algorithm>

@@ -417,7 +417,7 @@ TEST_F(Extraction, TheLinesHaveTheirPriorities) {
   EXPECT_LOGGED(kInfo, "[EXT_THM] [OUT]es size = [0]");
 }
 
-// What the described steps give, one packet at a time, without any of the shortcuts.
+// What the steps give, one packet at a time, without any of the shortcuts.
 Bytes extract_slowly(const Bytes &ts) {
   Bytes es;
   int starts = 0;

@@ -78,7 +78,7 @@ TEST_F(EmulationPrevention, ALengthBelowTwoIsLoggedAndChangesNothing) {
   }
 }
 
-// The removal, byte by byte as it is described.
+// The removal, byte by byte and without shortcuts.
 guint32 remove_slowly(Bytes &bytes) {
   guint32 length = static_cast<guint32>(bytes.size());
   for (size_t i = 2; i < bytes.size(); ++i) {
