@@ -123,6 +123,8 @@ bool TimeshiftFile::wait_for_cut() const {
 
 bool TimeshiftFile::close() {
   if (!open_) return true;
+  GstCutBufferMgr *const cuts = manager();
+  has_stopped_cutting_ = cuts != nullptr && !gst_cut_mgr_get_max_time(cuts);
   open_ = false;
   const gint64 result = patiently([this] { return gst_pvr_file_close(&handle_->file); });
   if (result != kCutHangs) return result >= 0 || fail(result);

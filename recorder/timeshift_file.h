@@ -42,6 +42,8 @@ class TimeshiftFile {
   bool close();
 
   bool is_open() const { return open_; }
+  // When the file was closed, the library had given up cutting it. A box does not tell.
+  bool has_stopped_cutting() const { return has_stopped_cutting_; }
   int64_t removed() const;       // bytes cut off so far
   int32_t removed_time() const;  // milliseconds cut off so far
   int error() const { return error_; }
@@ -59,6 +61,7 @@ class TimeshiftFile {
 
   std::unique_ptr<Handle> handle_;
   bool open_ = false;
+  bool has_stopped_cutting_ = false;
   int error_ = 0;
 };
 

@@ -52,6 +52,8 @@ class TimeshiftWriter : public PacketStore {
   uint64_t packets() const override { return stored_ / kPacketSize; }
   uint64_t removed() const { return removed_; }  // bytes cut off so far
   uint32_t span() const { return span_; }        // milliseconds; 0: never shortened
+  // Of a buffer that is finished: a cut has failed, and nothing has been cut off since.
+  bool has_stopped_cutting() const { return file_.has_stopped_cutting(); }
   int error() const override { return error_; }
   std::string problem() const override;
 

@@ -487,6 +487,7 @@ TEST_F(TimeshiftTest, WhenTheFrontCannotBeCutOffTheRecordingGoesOn) {
   truncate_result_ = -1;
   const Outcome outcome = shift(minutes(9));
   ASSERT_TRUE(outcome.ok) << outcome.error;
+  EXPECT_THAT(outcome.summary.note, HasSubstr("a cut failed and cutting stopped"));
   EXPECT_GE(truncations_, 1);
   EXPECT_EQ(outcome.summary.removed, 0u);
   EXPECT_EQ(outcome.summary.duration_ms, duration(9));
