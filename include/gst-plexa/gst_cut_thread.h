@@ -31,6 +31,7 @@ typedef struct _GstCutParam {
   GMutex link_lock;      /* guards cut_buffer_mgr against a manager that goes while a cut waits */
   gint is_busy;          /* above 0 from a cut's start until its task has stopped, -1 no thread */
   gint is_owned_by_task; /* 1: freed with the task, which a manager's destroy does not wait for */
+  guint32 tenancy;       /* the slot's when the cut was claimed; 0: there is no claim to lose */
 } GstCutParam;
 
 /**

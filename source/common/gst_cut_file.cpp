@@ -190,8 +190,11 @@ bool _is_cut_due(GstPvrFile *file) {
   gst_cut_mgr_update_time(mgr, static_cast<gint32>(time));
   if (!gst_cut_mgr_is_max_time(mgr)) return false;
   if (g_atomic_int_get(&mgr->cut_param->is_busy) != plexa::kTaskIdle) return false;
+  // While the handle is listed the slot is its recording's; asked in this order, the tenancy is.
+  const guint32 tenancy = plexa::_tenancy(_key_of(cut));
   if (!plexa::_is_listed(_key_of(cut), file)) return false;
-  if (!plexa::_claim_cut(_key_of(cut), mgr->cut_param)) return false;
+  if (!plexa::_claim_cut(_key_of(cut), mgr->cut_param, tenancy)) return false;
+  mgr->cut_param->tenancy = tenancy;
   PLX_INFO("last_wrote_time = [%u], gst_cut_mgr_is_max_time is TRUE", time);
   return true;
 }

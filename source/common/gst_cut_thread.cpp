@@ -5,7 +5,8 @@
 // handle stands where it stood. Nothing stops half-way: a step that fails switches cutting off, and
 // the steps after it are carried out all the same, so that reading and writing go on. A manager
 // that goes while its cut still waits takes its link away under the link lock; the task then ends
-// without touching the file, and the record goes with the task.
+// without touching the file, and the record goes with the task. A cut whose slot was given up while
+// it waited is dropped, too: the handles that it would move may be another recording's.
 #include "gst-plexa/gst_cut_thread.h"
 
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 #include "gst-plexa/gst_cut_file.h"
 #include "gst-plexa/gst_edit_unit.h"
@@ -105,7 +107,12 @@ gint64 _lost_all_the_same(gint64 size_before, gint64 size_now) {
   return size_before >= 0 && size_now >= 0 && lost > 0 && lost % GST_EDIT_UNIT_SIZE == 0 ? lost : 0;
 }
 
+// There is one record for all recordings. Of two cuts that end at once, neither may lose what the
+// other has added to the sums.
+std::mutex g_books;
+
 bool _store_cut(GstCutParam *param) {
+  const std::lock_guard hold(g_books);
   GstSharedCutInfo *const info = gst_shared_cut_info_get();
   const gint64 total = gst_shared_cut_info_get_total_cutoffset(info);
   const gint64 new_total = total + param->removed_bytes;
@@ -211,7 +218,8 @@ bool _gst_cut_thread_seek_all(GstCutParam *param) {
 void _gst_cut_thread_loop(void *cut_param) {
   auto *const param = static_cast<GstCutParam *>(cut_param);
   if (param == nullptr) return;
-  const CutStart start = _is_manager_gone(param) ? CutStart::kNoRegistry : _begin_cut(param->key);
+  const CutStart start =
+      _is_manager_gone(param) ? CutStart::kNoRegistry : _begin_cut(param->key, param->tenancy);
   if (start == CutStart::kBusy) return _wait_for_turn(param);
   if (start == CutStart::kStarted) {
     // The manager cannot go any more, unless it went while this pass began.
@@ -222,7 +230,8 @@ void _gst_cut_thread_loop(void *cut_param) {
   PLX_ERROR("[PLG_ERR] _gst_cut_thread_loop gst_task_stop");
   _stop(param);
   if (start == CutStart::kStarted) return _end_cut(param->key, param);
-  _give_back_cut(param->key, param);
+  // A cut that will not be: a manager that goes no longer finds the claim, nor takes its mark back.
+  _abandon_cut(param->key, param);
 }
 
 gint _settle_task(GstCutParam *param) noexcept {

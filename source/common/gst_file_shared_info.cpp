@@ -35,6 +35,7 @@ struct SlotGuard {
   gint32 inside = 0;            // operations that are really running
   bool is_cut_at_work = false;  // handles are being closed and opened again
   const void *claim = nullptr;  // who cuts, or is about to
+  guint32 tenancy = 1;          // which of the recordings that had the slot, one after another
   gint64 bytes_cut_off = 0;
 };
 
@@ -43,6 +44,16 @@ pthread_cond_t g_cut_ended = PTHREAD_COND_INITIALIZER;
 pthread_cond_t g_operation_left = PTHREAD_COND_INITIALIZER;
 
 constexpr int kLongestWaitMs = 2000;  // an operation waits no longer for a cut
+
+void _end_tenancy(SlotGuard &guard) {
+  guard.claim = nullptr;
+  guard.bytes_cut_off = 0;
+  if (++guard.tenancy == 0) guard.tenancy = 1;
+}
+
+bool _is_over(const SlotGuard &guard, guint32 tenancy) {
+  return tenancy != 0 && tenancy != guard.tenancy;
+}
 
 }  // namespace
 
@@ -57,8 +68,7 @@ void _release_slot(GstSharedInfo *table, guint32 key) noexcept {
   GstFileInfo &item = table->items[key];
   if (item.handle_list != nullptr) gst_vector_free(item.handle_list);
   item = {};
-  g_guards[key].claim = nullptr;
-  g_guards[key].bytes_cut_off = 0;
+  _end_tenancy(g_guards[key]);
   pthread_cond_broadcast(&g_cut_ended);  // the mark is gone
 }
 
@@ -176,7 +186,7 @@ void gst_shared_info_remove(GstSharedInfo *table) {
     if (item.handle_list != nullptr) gst_vector_free(item.handle_list);
     item = {};
   }
-  for (SlotGuard &guard : g_guards) guard.claim = nullptr, guard.bytes_cut_off = 0;
+  for (SlotGuard &guard : g_guards) _end_tenancy(guard);
   free(table);
   g_lib_shared_info.registry = nullptr;
   pthread_cond_broadcast(&g_cut_ended);
@@ -277,6 +287,15 @@ void _count_in(guint32 key) {
   if (g_lib_shared_info.registry != nullptr) ++g_lib_shared_info.registry->items[key].actioncount;
 }
 
+bool _has_listed(guint32 key, const GstPvrFile *handle) {
+  const GstSharedInfo *const table = g_lib_shared_info.registry;
+  GPtrArray *const list = table != nullptr ? table->items[key].handle_list : nullptr;
+  for (gint32 i = 0; i < gst_vector_size(list); ++i) {
+    if (gst_vector_index(list, i) == handle) return true;
+  }
+  return false;
+}
+
 void _count_out(guint32 key) {
   --g_guards[key].inside;
   if (g_lib_shared_info.registry != nullptr) {
@@ -320,8 +339,7 @@ void _leave_and_delete_item(guint32 key, bool reader, GstPvrFile *handle) noexce
   REFUSE_BAD_KEY(key, );
   const MutexHold hold(g_lib_shared_info.registry_mutex);
   _count_out(key);
-  GstSharedInfo *const table = g_lib_shared_info.registry;
-  if (table != nullptr) _delete_item(table, key, reader, true, handle);
+  if (_has_listed(key, handle)) _delete_item(g_lib_shared_info.registry, key, reader, true, handle);
 }
 
 Opening _open_item(const gchar *path, bool reader, GstPvrFile *handle, gint32 *key) noexcept {
@@ -342,10 +360,17 @@ Opening _open_item(const gchar *path, bool reader, GstPvrFile *handle, gint32 *k
   return Opening::kRefused;
 }
 
-bool _claim_cut(guint32 key, const void *owner) noexcept {
+guint32 _tenancy(guint32 key) noexcept {
+  REFUSE_BAD_KEY(key, 0);
+  const MutexHold hold(g_lib_shared_info.registry_mutex);
+  return g_guards[key].tenancy;
+}
+
+bool _claim_cut(guint32 key, const void *owner, guint32 tenancy) noexcept {
   REFUSE_BAD_KEY(key, false);
   const MutexHold hold(g_lib_shared_info.registry_mutex);
   if (g_lib_shared_info.registry == nullptr || g_guards[key].claim != nullptr) return false;
+  if (_is_over(g_guards[key], tenancy)) return false;
   g_guards[key].claim = owner;
   g_lib_shared_info.registry->items[key].cut_mode = 1;
   return true;
@@ -366,10 +391,11 @@ void _abandon_cut(guint32 key, const void *owner) noexcept {
   pthread_cond_broadcast(&g_cut_ended);
 }
 
-CutStart _begin_cut(guint32 key) noexcept {
+CutStart _begin_cut(guint32 key, guint32 tenancy) noexcept {
   REFUSE_BAD_KEY(key, CutStart::kNoRegistry);
   const MutexHold hold(g_lib_shared_info.registry_mutex);
   if (g_lib_shared_info.registry == nullptr) return CutStart::kNoRegistry;
+  if (_is_over(g_guards[key], tenancy)) return CutStart::kNoRegistry;
   if (_is_any_running(key) || g_guards[key].is_cut_at_work) return CutStart::kBusy;
   g_guards[key].is_cut_at_work = true;
   return CutStart::kStarted;
@@ -410,12 +436,7 @@ GstPvrFile *_listed_handle(guint32 key, gint32 index) noexcept {
 bool _is_listed(guint32 key, const GstPvrFile *handle) noexcept {
   REFUSE_BAD_KEY(key, false);
   const MutexHold hold(g_lib_shared_info.registry_mutex);
-  const GstSharedInfo *const table = g_lib_shared_info.registry;
-  GPtrArray *const list = table != nullptr ? table->items[key].handle_list : nullptr;
-  for (gint32 i = 0; i < gst_vector_size(list); ++i) {
-    if (gst_vector_index(list, i) == handle) return true;
-  }
-  return false;
+  return _has_listed(key, handle);
 }
 
 gint64 _bytes_cut_off(guint32 key) noexcept {

@@ -38,7 +38,8 @@ bool _enter_operation(guint32 key) noexcept;
 void _enter_last_operation(guint32 key) noexcept;
 void _leave_operation(guint32 key) noexcept;
 // The end of a handle: leaves its last operation and deletes its listed item, without a gap in
-// which a cut could find the closed handle in the list.
+// which a cut could find the closed handle in the list. One that is not listed any more has no
+// item: its slot was given up, and may be another recording's.
 void _leave_and_delete_item(guint32 key, bool reader, GstPvrFile *handle) noexcept;
 
 enum class Opening { kOpened, kNoKey, kBusy, kRefused };
@@ -49,17 +50,22 @@ Opening _open_item(const gchar *path, bool reader, GstPvrFile *handle, gint32 *k
 
 // ---- Cuts ----
 
+// Which recording's the slot is: another number after each release, never 0.
+guint32 _tenancy(guint32 key) noexcept;
+
 // One cut at a time on a recording, whoever of its writers starts it. The owner is any address; a
 // claim that is granted sets cut_mode, and stands until it is given back or the slot is released.
-bool _claim_cut(guint32 key, const void *owner) noexcept;
+// Refused when the slot's tenancy is not this one any more; 0: whosever it is.
+bool _claim_cut(guint32 key, const void *owner, guint32 tenancy = 0) noexcept;
 void _give_back_cut(guint32 key, const void *owner) noexcept;
 // The same for an owner that goes: the mark that its claim has set goes, too.
 void _abandon_cut(guint32 key, const void *owner) noexcept;
 
 enum class CutStart { kStarted, kBusy, kNoRegistry };
 
-// Keeps operations out from now on, unless one is running or another cut is at work.
-CutStart _begin_cut(guint32 key) noexcept;
+// Keeps operations out from now on, unless one is running or another cut is at work. A tenancy
+// that is over counts as no registry; 0: whosever it is.
+CutStart _begin_cut(guint32 key, guint32 tenancy = 0) noexcept;
 // Clears cut_mode, which everyone sees. Operations are still kept out.
 void _unmark_cut(guint32 key) noexcept;
 // Clears the mark and lets the waiting operations in. An owner's claim is given back in the same

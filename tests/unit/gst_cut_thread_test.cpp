@@ -769,6 +769,42 @@ TEST_F(CutThreadTest, AWriterThatIsGivenUpTakesItsPendingCutAlong) {
   mark_cut(false);
 }
 
+// Its last pass, between the two steps of a manager that goes.
+TEST_F(CutThreadTest, ATaskThatFindsItsManagerGoneTakesTheMarkOfItsCutBack) {
+  ASSERT_TRUE(plexa::_claim_cut(0, &param()));
+  GstCutBufferMgr *const mgr = std::exchange(param().cut_buffer_mgr, nullptr);
+  plexa::_gst_cut_thread_loop(&param());
+  EXPECT_FALSE(is_cutting()) << "the manager no longer finds its claim";
+  plexa::_abandon_cut(0, &param());
+  EXPECT_FALSE(is_cutting());
+  EXPECT_EQ(near_.read(100).size(), 100u);
+  param().cut_buffer_mgr = mgr;
+}
+
+// The count of a recording whose opens were refused ends before its handles do.
+TEST_F(CutThreadTest, APendingCutGoesWithItsSlot) {
+  ASSERT_TRUE(plexa::_enter_operation(0));
+  start_cut();
+  ASSERT_TRUE(wait_until([&] { return !is_cutting(); }));
+  EXPECT_EQ(near_.close(), 1);
+  EXPECT_EQ(far_.close(), 1);
+  gst_shared_info_delete_item(gst_shared_info_get(), 0, kWrites, 0, nullptr);
+  gst_shared_info_delete_item(gst_shared_info_get(), 0, kReads, 0, nullptr);  // the index
+  const std::string path = dir_.file("other.kvf");
+  CutHandle other;
+  ASSERT_EQ(other.open(path, kWrites), 1);
+  ASSERT_EQ(other.key(), 0u);
+  ASSERT_EQ(other.write(bytes_at(0, 8 * kUnit)), 8 * kUnit);
+  ASSERT_EQ(near_.open(path, kReads), 1);
+  ASSERT_EQ(near_.seek(4 * kUnit), 4 * kUnit);
+  plexa::_leave_operation(0);
+  finish_cut(writer_);
+  EXPECT_THAT(removals(), IsEmpty());
+  EXPECT_EQ(near_.read(100), bytes_at(4 * kUnit, 100));
+  EXPECT_EQ(writer_.close(), 1);
+  EXPECT_EQ(item().write_count, 1) << "the other one's";
+}
+
 TEST_F(CutThreadTest, AHandleThatIsGivenUpLeavesAnothersPendingCutAlone) {
   int another = 0;
   ASSERT_TRUE(plexa::_claim_cut(0, &another));

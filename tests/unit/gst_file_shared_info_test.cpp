@@ -703,6 +703,19 @@ TEST_F(OperationsTest, AnItemOfARemovedRegistryIsOnlyLeft) {
   EXPECT_EQ(g_lib_shared_info.registry, nullptr);
 }
 
+TEST_F(OperationsTest, AHandleWhoseSlotIsAnothersByNowIsOnlyLeft) {
+  ASSERT_EQ(open_item("/rec.kvf", false, a_), Opening::kOpened);
+  remove(0, kWriter);
+  ASSERT_EQ(open_item("/other.kvf", false, b_), Opening::kOpened);
+  ASSERT_EQ(key_, 0);
+  plexa::_leave_and_delete_item(0, false, a_);
+  EXPECT_EQ(running(), 0) << "the other's operation was counted behind the release";
+  EXPECT_EQ(item().write_count, 1);
+  EXPECT_THAT(listed(), ElementsAre(b_));
+  plexa::_leave_and_delete_item(0, false, b_);
+  EXPECT_EQ(slot().used, 0);
+}
+
 TEST_F(OperationsTest, OneOfThreeWritersGetsTheCut) {
   add_many(3, kWriter);
   std::atomic<int> granted{0};
@@ -744,6 +757,29 @@ TEST_F(OperationsTest, AClaimGoesWithTheRegistry) {
   EXPECT_FALSE(plexa::_claim_cut(0, &owner)) << "there is nothing to cut";
   table_ = gst_shared_info_get();
   EXPECT_TRUE(plexa::_claim_cut(0, &owner));
+}
+
+TEST_F(OperationsTest, ATenancyEndsWithTheSlotAndWithTheRegistry) {
+  int owner = 0;
+  add("/rec.kvf", kWriter);
+  const guint32 first = plexa::_tenancy(0);
+  const guint32 other = plexa::_tenancy(1);
+  EXPECT_NE(first, 0u);
+  EXPECT_TRUE(plexa::_claim_cut(0, &owner, first));
+  EXPECT_EQ(plexa::_begin_cut(0, first), CutStart::kStarted);
+  plexa::_end_cut(0, &owner);
+  remove(0, kWriter);
+  const guint32 second = plexa::_tenancy(0);
+  EXPECT_FALSE(plexa::_claim_cut(0, &owner, first));
+  EXPECT_EQ(plexa::_begin_cut(0, first), CutStart::kNoRegistry);
+  EXPECT_FALSE(is_marked());
+  EXPECT_EQ(plexa::_begin_cut(0, second), CutStart::kStarted);
+  plexa::_end_cut(0);
+  EXPECT_EQ(plexa::_tenancy(1), other) << "another recording's";
+  gst_shared_info_remove(table_);
+  table_ = gst_shared_info_get();
+  EXPECT_EQ(plexa::_begin_cut(0, second), CutStart::kNoRegistry);
+  EXPECT_EQ(plexa::_begin_cut(1, other), CutStart::kNoRegistry);
 }
 
 TEST_F(OperationsTest, ACutBeginsWhenNothingRunsOnItsRecording) {
@@ -878,6 +914,7 @@ TEST_F(OperationsTest, EveryCallWithAKeyRefusesOneAbove3) {
       [](guint32 key) { EXPECT_TRUE(plexa::_enter_operation(key)); },
       [](guint32 key) { plexa::_leave_operation(key); },
       [this](guint32 key) { plexa::_leave_and_delete_item(key, true, a_); },
+      [](guint32 key) { EXPECT_EQ(plexa::_tenancy(key), 0u); },
       [this](guint32 key) { EXPECT_FALSE(plexa::_claim_cut(key, this)); },
       [this](guint32 key) { plexa::_give_back_cut(key, this); },
       [](guint32 key) { EXPECT_EQ(plexa::_begin_cut(key), CutStart::kNoRegistry); },
