@@ -43,37 +43,32 @@ std::string recording_of(const std::string &path) {
 // The library refuses one reader or writer too many as well, but at the cost of one that is open,
 // which any client could use to have it forget another one's recording. All or nothing, also when
 // memory runs out.
-bool enter_account(const std::string &recording, bool reads, const std::string *timeshift) {
-  std::string name = timeshift != nullptr ? *timeshift : std::string();
+bool enter_account(const std::string &path, const std::string &recording, bool reads,
+                   bool is_timeshift) {
+  std::string name = is_timeshift ? path : std::string();
+  std::multiset<std::string> entry{path};
   const std::lock_guard hold(g_lock);
-  if (timeshift != nullptr && g_timeshift_opens > 0 && g_timeshift != name) return false;
+  if (is_timeshift && g_timeshift_opens > 0 && g_timeshift != name) return false;
   Openings &openings = g_recordings[recording];
   int &count = reads ? openings.readers : openings.writers;
   if (count == (reads ? kMostReaders : kMostWriters)) return false;
   ++count;
-  if (timeshift == nullptr) return true;
+  g_open.merge(entry);
+  if (!is_timeshift) return true;
   g_timeshift.swap(name);
   ++g_timeshift_opens;
   return true;
 }
 
-void leave_account(const std::string &recording, bool reads, bool is_timeshift) noexcept {
+void leave_account(const std::string &path, const std::string &recording, bool reads,
+                   bool is_timeshift) noexcept {
   const std::lock_guard hold(g_lock);
+  g_open.extract(path);
   if (is_timeshift) --g_timeshift_opens;
   const auto at = g_recordings.find(recording);
   if (at == g_recordings.end()) return;
   --(reads ? at->second.readers : at->second.writers);
   if (at->second.readers == 0 && at->second.writers == 0) g_recordings.erase(at);
-}
-
-void note_open(const std::string &path) {
-  const std::lock_guard hold(g_lock);
-  g_open.insert(path);
-}
-
-void note_closed(const std::string &path) noexcept {
-  const std::lock_guard hold(g_lock);
-  g_open.extract(path);
 }
 
 bool is_timeshift_stream(const GstSocketOpenFlags &flags) {
@@ -82,9 +77,10 @@ bool is_timeshift_stream(const GstSocketOpenFlags &flags) {
 
 }  // namespace
 
-bool is_in_use(const std::string &path) {
+// Under the lock: what is opened afterwards is another file.
+bool remove_unless_open(const std::string &path) {
   const std::lock_guard hold(g_lock);
-  return g_open.contains(path);
+  return !g_open.contains(path) && ::unlink(path.c_str()) == 0;
 }
 
 template <class Operation>
@@ -106,12 +102,12 @@ BoxFile::~BoxFile() {
 
 bool BoxFile::enter() {
   recording_ = recording_of(path_);
-  return enter_account(recording_, is_reader_, is_timeshift_ ? &path_ : nullptr);
+  return enter_account(path_, recording_, is_reader_, is_timeshift_);
 }
 
 void BoxFile::leave() const noexcept {
   const int saved = errno;
-  leave_account(recording_, is_reader_, is_timeshift_);
+  leave_account(path_, recording_, is_reader_, is_timeshift_);
   errno = saved;
 }
 
@@ -129,11 +125,7 @@ gint64 BoxFile::open(const std::string &path, const GstSocketOpenFlags &flags, g
                              flags.is_index, 0, is_atsc3);
   });
   is_open_ = result >= 0;
-  if (is_open_) {
-    note_open(path_);
-  } else {
-    leave();
-  }
+  if (!is_open_) leave();
   return result;
 }
 
@@ -143,7 +135,6 @@ gint64 BoxFile::close() {
   const gint64 result = patiently([this] { return gst_pvr_file_close(&file_); });
   if (result == kCutHangs) return result;
   is_open_ = false;
-  note_closed(path_);
   leave();
   return result;
 }

@@ -72,7 +72,7 @@ class Pieces {
   gint64 expected_ = 0;
 };
 
-// True when some client has the file open.
-bool is_in_use(const std::string &path);
+// False: some client has the file open, or is about to; or it cannot be removed.
+bool remove_unless_open(const std::string &path);
 
 }  // namespace plexa::box

@@ -167,7 +167,7 @@ int ending_signals() {
   return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
-// Every client takes two descriptors or three.
+// A client takes up to four descriptors.
 void raise_descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;

@@ -5,8 +5,6 @@
 // agree and add up.
 #include "session.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -394,7 +392,7 @@ bool Session::remove_file(const header_data_s &header) {
   const auto request = this->request<RemoveRequest>(header);
   if (!request) return false;
   const std::string path = located(request->path, Root::File::kExists);
-  const bool removed = !path.empty() && !is_in_use(path) && ::unlink(path.c_str()) == 0;
+  const bool removed = !path.empty() && remove_unless_open(path);
   report(header, path + (removed ? "" : ": failed"));
   return answer(removed, removed ? 1 : -1);
 }
