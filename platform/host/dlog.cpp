@@ -145,10 +145,10 @@ __attribute__((format(printf, 5, 0))) int print(int fd, int priority, const char
 
 // The log's own words, straight to standard error.
 __attribute__((format(printf, 1, 2))) void complain(const char *format, ...) {
-  const int error = errno;
+  const ErrnoGuard keep;  // also a message that is not wanted gets here
   va_list args;
   va_start(args, format);
-  print(STDERR_FILENO, kErrorPriority, "PLEXA_HOST", error, format, args);
+  print(STDERR_FILENO, kErrorPriority, "PLEXA_HOST", keep.saved(), format, args);
   va_end(args);
 }
 

@@ -103,6 +103,11 @@ TEST_F(LogEnvironmentTest, AnUnknownLevelIsSaidAndCountsAsError) {
   EXPECT_EQ(output_, "1\n");
 }
 
+TEST_F(LogEnvironmentTest, ErrnoStaysWhenThatCannotBeSaid) {
+  run({"PLEXA_HOST_LOG=loud"}, "mute");  // the probe's exit status tells
+  EXPECT_EQ(errors_, "");
+}
+
 TEST_F(LogEnvironmentTest, AProgramsOwnLevelComesBeforeTheVariable) {
   run({"PLEXA_HOST_LOG=off"}, "debug");
   EXPECT_EQ(errors_, kBoth);

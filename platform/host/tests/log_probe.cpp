@@ -1,9 +1,11 @@
 // log_probe.cpp - a program that logs, for log_environment_test.cpp.
 //
 // Writes a line of each priority that matters, then the level in force on standard output. An
-// argument is a level that it sets first; "closed" closes the standard descriptors at the start.
+// argument is a level that it sets first; "closed" closes the standard descriptors at the start;
+// "mute" closes standard error and writes a line that is not wanted, which must not touch errno.
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -15,6 +17,12 @@ int main(int argc, char **argv) {
   if (strcmp(wish, "closed") == 0) {
     close(STDIN_FILENO);
     close(STDERR_FILENO);
+  }
+  if (strcmp(wish, "mute") == 0) {
+    close(STDERR_FILENO);
+    errno = E2BIG;
+    __dlog_print(2, 3, "PROBE", "a detail, %d", 3);
+    return errno == E2BIG ? 0 : 1;
   }
   PlexaHostLogLevel level = PLEXA_HOST_LOG_LEVEL_OFF;
   if (plexa_host_log_level_from_name(wish, &level) == 0) plexa_host_set_log_level(level);
