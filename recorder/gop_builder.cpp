@@ -58,6 +58,11 @@ bool GopBuilder::begins_gop(const Frame &frame) {
   return begins && frame.pes_packet > open_->packet && !frame.cut_off;
 }
 
+void GopBuilder::new_video() {
+  since_clean_ = kLongAgo;
+  since_intra_ = 0;
+}
+
 void GopBuilder::frame(const Frame &frame, uint16_t channel, uint16_t video_pid) {
   const bool begins = begins_gop(frame);
   if (full_ || (!begins && !open_)) return;

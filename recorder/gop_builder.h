@@ -48,6 +48,8 @@ class GopBuilder {
 
   // The frames in coding order.
   void frame(const Frame &frame, uint16_t channel, uint16_t video_pid);
+  // Another video follows: what entries it offers is to be seen, as at the beginning.
+  void new_video();
   // The recording ends behind this many packets, which closes the last GOP.
   void finish(uint64_t packets);
   // The first `packets` packets are stored and will stay.

@@ -29,15 +29,16 @@ bool is_slice_type(unsigned type) {
          type == GST_H264_NAL_SLICE_IDR;
 }
 
-// Exp-Golomb codes of ITU-T H.264 clause 9.1. Bits behind the end read as none.
+// Exp-Golomb codes of ITU-T H.264 clause 9.1. A code that is not whole reads as none.
 class CodeReader {
  public:
   CodeReader(const uint8_t *data, size_t size) : data_(data), bits_(size * 8) {}
 
   std::optional<unsigned> code() {
     unsigned zeros = 0;
-    while (zeros < 32 && at_ < bits_ && !bit()) ++zeros;
-    if (zeros >= 32 || at_ + zeros > bits_) return {};
+    bool begun = false;  // its first one bit has been seen
+    while (zeros < 32 && at_ < bits_ && !(begun = bit())) ++zeros;
+    if (!begun || at_ + zeros > bits_) return {};
     uint64_t value = 1;
     for (unsigned i = 0; i < zeros; ++i) value = value << 1 | (bit() ? 1u : 0u);
     return static_cast<unsigned>(value - 1);
@@ -177,7 +178,6 @@ class H264Parser final : public PictureParser {
   std::unique_ptr<GstH264NalParser, ParserFree> parser_{gst_h264_nal_parser_new()};
   std::array<uint8_t, kPrefix.size() + kLongestUnit> buffer_ = {};
   int64_t duration_ = 0;
-  bool recovery_ = false;   // announced by a message in front of the next slice
   bool announced_ = false;  // of the current picture
   bool idr_ = false;
   bool intra_ = false;

@@ -136,7 +136,6 @@ class H265Parser final : public PictureParser {
   std::unique_ptr<GstH265Parser, ParserFree> parser_{gst_h265_parser_new()};
   std::array<uint8_t, kPrefix.size() + kLongestUnit> buffer_ = {};
   int64_t duration_ = 0;
-  bool recovery_ = false;
 };
 
 }  // namespace

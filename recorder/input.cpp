@@ -43,8 +43,10 @@ int64_t Input::read(uint8_t *buffer, size_t size) {
 // False: stopped. A descriptor that cannot be waited for is left to read().
 bool Input::wait_readable() {
   pollfd item = {fd_, POLLIN, 0};
-  while (poll(&item, 1, kPatience) == 0) {
+  int ready = 0;
+  while (ready == 0 || (ready < 0 && errno == EINTR)) {
     if (stopped()) return false;
+    ready = poll(&item, 1, kPatience);
   }
   return !stopped();
 }

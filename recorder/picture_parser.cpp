@@ -12,7 +12,10 @@ bool is_field_pair(const Picture &first, const Picture &second) {
          second.can_be_second;
 }
 
-Picture PictureParser::finish() { return std::exchange(picture_, Picture{}); }
+Picture PictureParser::finish() {
+  recovery_ = false;
+  return std::exchange(picture_, Picture{});
+}
 
 std::unique_ptr<PictureParser> make_picture_parser(Codec codec) {
   switch (codec) {

@@ -54,6 +54,8 @@ class PictureParser {
 
  protected:
   Picture picture_;
+  // A message in front of the next slice announces a recovery point. It goes with its picture.
+  bool recovery_ = false;
 };
 
 std::unique_ptr<PictureParser> make_mpeg2_parser();

@@ -23,7 +23,8 @@ bool Probe::packets(const uint8_t *data, size_t count) {
     if (changed && packets_at_candidate_ == 0 && tables_.choose(asked_, true) != nullptr) {
       packets_at_candidate_ = packets_;
     }
-    if (packets_at_candidate_ != 0 && packets_ - packets_at_candidate_ > kPatience) choose(true);
+    if (packets_at_candidate_ == 0 || packets_ - packets_at_candidate_ <= kPatience) continue;
+    if (!choose(true)) packets_at_candidate_ = 0;  // a later table took it away again
   }
   return chosen_ != 0;
 }

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
+#include <utility>
 
 namespace plexa::rec {
 namespace {
@@ -17,6 +19,8 @@ constexpr size_t kShortestTable = 12;  // header, extension, version, numbers, C
 constexpr uint8_t kPatTable = 0x00;
 constexpr uint8_t kPmtTable = 0x02;
 constexpr unsigned kFirstFreePid = 0x10;
+// Far more than any multiplex has room for. A table without measure would make every section slow.
+constexpr size_t kMostProgrammes = 1024;
 
 size_t section_size(const std::vector<uint8_t> &section) {
   return kSectionHeader + ((static_cast<size_t>(section[1]) << 8 | section[2]) & 0x0fff);
@@ -205,43 +209,64 @@ bool ProgrammeTables::section(unsigned pid, const std::vector<uint8_t> &bytes) {
     if (pmt == nullptr) return false;
     changed = take_map(pid, parsed->subtable_extension, channel_of(*pmt));
   }
-  seen_[{pid, pid == 0 ? bytes[6] : table_extension(bytes)}] = fingerprint(bytes);
+  if (changed) seen_[{pid, pid == 0 ? bytes[6] : table_extension(bytes)}] = fingerprint(bytes);
   return changed;
 }
 
 bool ProgrammeTables::take_programmes(unsigned section_number, unsigned last_section, int version,
                                       std::vector<Programme> listed) {
-  if (version != pat_version_) pat_parts_.clear();
+  if (version != pat_version_) {
+    pat_parts_.clear();
+    std::erase_if(seen_, [](const auto &entry) { return entry.first.first == 0; });
+  }
   pat_parts_.erase(pat_parts_.upper_bound(last_section), pat_parts_.end());
   pat_version_ = version;
   pat_parts_[section_number] = std::move(listed);
-  const std::vector<Programme> before = std::move(programmes_);
-  programmes_.clear();
-  for (const auto &[number, part] : pat_parts_) {
-    programmes_.insert(programmes_.end(), part.begin(), part.end());
-  }
-  for (Programme &programme : programmes_) {
-    const auto same = std::find_if(before.begin(), before.end(), [&](const Programme &old) {
-      return old.number == programme.number && old.pmt_pid == programme.pmt_pid;
-    });
-    if (same != before.end()) programme = *same;
-  }
+  programmes_ = merge_parts(pat_parts_.size() > last_section);
   have_pat_ = true;
   listen();
   return true;
 }
 
+// The programmes of all sections, each with what is known of it. While sections are missing, those
+// listed before stay: they may stand there.
+std::vector<Programme> ProgrammeTables::merge_parts(bool whole) const {
+  std::map<std::pair<uint16_t, uint16_t>, const Programme *> before;
+  for (const Programme &programme : programmes_) {
+    before.insert({{programme.number, programme.pmt_pid}, &programme});
+  }
+  std::vector<Programme> out;
+  std::set<uint16_t> numbers;
+  for (const auto &[number, part] : pat_parts_) {
+    for (const Programme &programme : part) {
+      if (out.size() >= kMostProgrammes) return out;
+      const auto same = before.find({programme.number, programme.pmt_pid});
+      out.push_back(same != before.end() ? *same->second : programme);
+      numbers.insert(programme.number);
+    }
+  }
+  for (const Programme &programme : programmes_) {
+    if (whole || out.size() >= kMostProgrammes) break;
+    if (numbers.count(programme.number) == 0) out.push_back(programme);
+  }
+  return out;
+}
+
 void ProgrammeTables::listen() {
   std::map<unsigned, SectionAssembler> wanted;
   wanted[0] = std::move(assemblers_[0]);
+  std::set<std::pair<unsigned, unsigned>> known;
   for (const Programme &programme : programmes_) {
     const unsigned pid = programme.pmt_pid;
+    if (programme.known) known.insert({pid, programme.number});
     if (pid < kFirstFreePid || pid >= kNoPid || wanted.count(pid) != 0) continue;
     wanted[pid] = std::move(assemblers_[pid]);
   }
   assemblers_ = std::move(wanted);
-  std::erase_if(seen_,
-                [&](const auto &entry) { return assemblers_.count(entry.first.first) == 0; });
+  // A programme that comes, or comes back, needs its map although the PID may have carried it.
+  std::erase_if(seen_, [&](const auto &entry) {
+    return entry.first.first != 0 && known.count(entry.first) == 0;
+  });
 }
 
 bool ProgrammeTables::take_map(unsigned pid, unsigned number, std::optional<Channel> channel) {
@@ -252,6 +277,11 @@ bool ProgrammeTables::take_map(unsigned pid, unsigned number, std::optional<Chan
   found->known = true;
   found->channel = channel;
   return true;
+}
+
+void ProgrammeTables::expect_anew() {
+  seen_.clear();
+  for (Programme &programme : programmes_) programme.known = false;
 }
 
 std::vector<unsigned> ProgrammeTables::pids() const {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "media.h"
@@ -57,8 +58,9 @@ class ProgrammeTables {
   }  // as the table lists them
   const Programme *find(int number) const;
   const Programme *find_by_video(uint16_t video_pid) const;
-  // Forget what repetitions look like: the next table of each kind is reported as a change.
-  void expect_anew() { seen_.clear(); }
+  // What is known may no longer be in force: the next table of each kind is reported as a change,
+  // and no programme counts as known before its map has come again.
+  void expect_anew();
   // The programme asked for; number 0: the first in the table with video. Null while it cannot be
   // told: its own map, or that of one before it, has not been seen. `impatient` settles for the
   // first known one with video.
@@ -69,14 +71,16 @@ class ProgrammeTables {
   bool is_repetition(unsigned pid, const std::vector<uint8_t> &bytes);
   bool take_programmes(unsigned section_number, unsigned last_section, int version,
                        std::vector<Programme> listed);
+  std::vector<Programme> merge_parts(bool whole) const;
   bool take_map(unsigned pid, unsigned number, std::optional<Channel> channel);
   void listen();
 
   std::map<unsigned, SectionAssembler> assemblers_{{0u, SectionAssembler{}}};
-  // Length and CRC of the last section of each PID and table, to pass over repetitions quickly.
+  // Length and CRC of the last section of each PID and table, to pass over repetitions quickly. Of
+  // maps only those of the programmes that are known by them.
   std::map<std::pair<unsigned, unsigned>, uint64_t> seen_;
   int pat_version_ = -1;
-  std::map<unsigned, std::vector<Programme>> pat_parts_;  // by section number
+  std::map<unsigned, std::vector<Programme>> pat_parts_;  // of this version, by section number
   std::vector<Programme> programmes_;
   bool have_pat_ = false;
 };

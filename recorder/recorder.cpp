@@ -378,6 +378,9 @@ Outcome Recording::end_recording() {
 
 void Recording::describe_buffer(Summary &summary) const {
   summary.removed = timeshift_->removed();
+  if (timeshift_->has_stopped_cutting()) {
+    add_note(summary.note, "a cut failed and cutting stopped: the buffer grows beyond its time");
+  }
   if (timeshift_->span() == 0) return;
   add_note(summary.note, "the disk was nearly full: the buffer was cut to " +
                              std::to_string(timeshift_->span() / 1000) + " s before its time");

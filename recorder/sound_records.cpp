@@ -5,9 +5,10 @@
 #include <array>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <istream>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "stream_scan.h"
 #include "video_scanner.h"
@@ -18,9 +19,18 @@ namespace {
 // A picture tells its coding long before this.
 constexpr uint64_t kMostPackets = 4096;
 
-std::vector<uint8_t> read_all(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+// Up to `most` bytes from the stream's position on.
+std::vector<uint8_t> read_some(std::istream &in, uint64_t most) {
+  constexpr uint64_t kPiece = 1 << 20;  // so that memory follows what is there
+  std::vector<uint8_t> out;
+  while (in && out.size() < most) {
+    const size_t before = out.size();
+    const auto wanted = static_cast<size_t>(std::min(kPiece, most - before));
+    out.resize(before + wanted);
+    in.read(reinterpret_cast<char *>(out.data() + before), static_cast<std::streamsize>(wanted));
+    out.resize(before + static_cast<size_t>(in.gcount()));
+  }
+  return out;
 }
 
 bool is_known(Codec codec) {
@@ -70,8 +80,7 @@ bool contradicts(Codec codec, const pvr_gop_info_s &gop, const StreamScan &strea
 }  // namespace
 
 void SoundRecords::load(const std::string &index_path, const StreamScan &stream) {
-  const std::vector<uint8_t> file = read_all(index_path);
-  if (!load_head(file)) return;
+  if (!read(index_path, stream.packets())) return;
   const size_t size = IndexShape(layout_).gop_size;
   const uint64_t whole = gops_.size() / size;
   size_t channels = 0;
@@ -89,9 +98,11 @@ void SoundRecords::load(const std::string &index_path, const StreamScan &stream)
   complete_ = count_ > 0 && count_ * size == gops_.size() && agrees_with_base(stream);
 }
 
-bool SoundRecords::load_head(const std::vector<uint8_t> &file) {
-  if (file.size() < sizeof base_) return false;
-  std::memcpy(&base_, file.data(), sizeof base_);
+// A GOP is a packet at least: of a file that goes on behind so many records no more is read than
+// shows that it does.
+bool SoundRecords::read(const std::string &index_path, uint64_t packets) {
+  std::ifstream in(index_path, std::ios::binary);
+  if (!in.read(reinterpret_cast<char *>(&base_), sizeof base_)) return false;
   if (base_.mdb_version >> 16 != MDB_VERSION >> 16) return false;
   // A recording that was cut at its front does not begin with the packet that the records count
   // from.
@@ -100,11 +111,14 @@ bool SoundRecords::load_head(const std::vector<uint8_t> &file) {
                                                                                 : Layout::kCurrent;
   const IndexShape shape(layout_);
   if (base_.channel_info_size != shape.channel_size) return false;
-  const size_t start = base_.gop_start_offset != 0 ? base_.gop_start_offset : shape.gop_start;
-  if (start < shape.gop_start || start > file.size()) return false;
-  const auto begin = file.begin() + static_cast<std::ptrdiff_t>(start);
-  head_.assign(file.begin(), begin);
-  gops_.assign(begin, file.end());
+  const uint64_t most = packets * shape.gop_size;  // bytes of records
+  const uint64_t start = base_.gop_start_offset != 0 ? base_.gop_start_offset : shape.gop_start;
+  if (start < shape.gop_start || start > shape.gop_start + most) return false;
+  in.seekg(0);
+  std::vector<uint8_t> head = read_some(in, start);
+  if (head.size() < start) return false;
+  head_ = std::move(head);
+  gops_ = read_some(in, most + 1);
   return true;
 }
 

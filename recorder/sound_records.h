@@ -39,7 +39,7 @@ class SoundRecords {
   const std::vector<Channel> &channels() const { return channels_; }  // those in use
 
  private:
-  bool load_head(const std::vector<uint8_t> &file);
+  bool read(const std::string &index_path, uint64_t packets);
   pvr_gop_info_s record(uint64_t number) const;
   Channel channel(unsigned slot) const;
   bool is_sound(const pvr_gop_info_s &gop, const StreamScan &stream) const;

@@ -74,6 +74,7 @@ void StreamIndexer::stop_scanner() {
   scanner_->finish();
   past_counts_ = counts();
   scanner_.reset();
+  gops_.new_video();
 }
 
 void StreamIndexer::assign_roles() {

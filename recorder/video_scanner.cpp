@@ -30,6 +30,9 @@ bool is_at_front(const uint8_t *data, size_t code) {
   return std::all_of(data, data + code, [](uint8_t byte) { return byte == 0; });
 }
 
+// The transport packets of such a PES packet look clear.
+bool is_scrambled_header(const std::vector<uint8_t> &header) { return (header[6] & 0x30) != 0; }
+
 bool is_video_header(const std::vector<uint8_t> &header) {
   const bool starts = header[0] == 0 && header[1] == 0 && header[2] == 1;
   // Without the mark '10' this is no MPEG-2 PES packet with a header of its own (padding, maps).
@@ -49,18 +52,32 @@ void VideoScanner::packet(const uint8_t *packet, uint64_t number) {
     return lose();
   }
   Payload payload = packet_payload(packet);
-  if (payload.size == 0 || !in_sequence(packet, payload)) return;
+  if (payload.size == 0) return take_announcement(packet);
+  if (!in_sequence(packet, payload)) return;
   if (packet_is_scrambled(packet)) {
-    ++counts_.scrambled;
     in_pes_ = in_header_ = false;
-    return lose();
+    return pass_over_scrambled();
   }
-  ++counts_.clear;
   if (packet_starts_unit(packet)) begin_pes(number);
   if (in_header_) payload = pes_header(payload);
+  if (pes_scrambled_) return pass_over_scrambled();
+  ++counts_.clear;
   if (!in_pes_ || payload.size == 0) return;
   video(payload, number);
   last_packet_ = number;
+}
+
+void VideoScanner::pass_over_scrambled() {
+  ++counts_.scrambled;
+  lose();
+}
+
+// A packet without payload does not count on, but may announce that the counter jumps.
+void VideoScanner::take_announcement(const uint8_t *packet) {
+  const unsigned counter = packet_counter(packet);
+  if (!packet_may_jump(packet) || !counter_ || counter == *counter_) return;
+  counter_ = counter;
+  lose();
 }
 
 // False for a packet that is sent twice. An equal counter alone does not say so: some multiplexers
@@ -90,6 +107,7 @@ void VideoScanner::lose() {
 
 void VideoScanner::begin_pes(uint64_t number) {
   in_pes_ = false;
+  pes_scrambled_ = false;
   in_header_ = true;
   header_.clear();
   pes_ = Pes{pes_.serial + 1, number, {}, {}};
@@ -106,6 +124,8 @@ Payload VideoScanner::pes_header(Payload payload) {
     if (header_.size() < kFixedHeader || header_.size() < kFixedHeader + header_[8]) continue;
     in_header_ = false;
     in_pes_ = is_video_header(header_);
+    pes_scrambled_ = in_pes_ && is_scrambled_header(header_);
+    if (pes_scrambled_) in_pes_ = false;
     if (in_pes_) read_time_stamps();
     break;
   }

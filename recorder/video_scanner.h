@@ -52,6 +52,8 @@ class VideoScanner {
   };
 
   bool in_sequence(const uint8_t *packet, Payload payload);
+  void take_announcement(const uint8_t *packet);
+  void pass_over_scrambled();
   void lose();
   void begin_pes(uint64_t number);
   Payload pes_header(Payload payload);
@@ -74,6 +76,7 @@ class VideoScanner {
   std::optional<unsigned> counter_;
   bool in_pes_ = false;  // inside the payload of a PES packet
   bool in_header_ = false;
+  bool pes_scrambled_ = false;  // inside a PES packet that says so of itself
   std::vector<uint8_t> header_;
   Pes pes_;
   uint64_t last_packet_ = 0;  // the last packet with video

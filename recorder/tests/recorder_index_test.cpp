@@ -267,6 +267,22 @@ TEST_F(IndexMakerTest, RepairFollowsAChannelThatComesBack) {
   EXPECT_EQ(read_file(index()), made_);
 }
 
+TEST_F(IndexMakerTest, RepairTakesNoMapOfTheBeginningForOneThatIsInForce) {
+  // The second video's tables are repeated behind an I-picture, which they must not end.
+  TestStream stream(Codec::kMpeg2);
+  stream.tables().gop(5).gop(5);
+  stream.codec(Codec::kH264);
+  stream.video_pid = 0x300;
+  stream.tables().gop(5).gop(1).tables().gop(5).gop(5);
+  ASSERT_TRUE(record(stream.bytes()).ok);
+  ASSERT_EQ(index_file().gops.size(), 6u);
+  made_ = read_file(index());
+  change_index([](Bytes &bytes) { crash(bytes, 3); });
+  ASSERT_TRUE(repair_index(this->stream(), {}).ok);
+  EXPECT_EQ(index_file().gops.size(), 6u);
+  EXPECT_EQ(read_file(index()), made_);
+}
+
 TEST_F(IndexMakerTest, TheLegacyLayoutIsRepairedInItsOwn) {
   Options options;
   options.layout = Layout::kLegacy;
@@ -413,6 +429,24 @@ TEST_F(IndexMakerTest, AnIndexThatTellsNothingIsMadeAnew) {
   }
   ASSERT_EQ(remove(index().c_str()), 0);
   ASSERT_TRUE(repair_index(stream(), {}).ok);
+  EXPECT_EQ(read_file(index()), made_);
+}
+
+// Sparse files of 64 GiB: more than there is memory.
+TEST_F(IndexMakerTest, NoMoreOfAnIndexIsReadThanItsStreamCanHaveRecords) {
+  make_recording();
+  ASSERT_EQ(truncate(index().c_str(), off_t{64} << 30), 0);
+  const Outcome outcome = repair_index(stream(), {});
+  ASSERT_TRUE(outcome.ok) << outcome.error;
+  EXPECT_EQ(read_file(index()), made_);
+}
+
+TEST_F(IndexMakerTest, AHeadThatIsLongerThanRecordsCouldMakeItIsNotRead) {
+  make_recording();
+  change_index([&](Bytes &bytes) { std::memset(bytes.data() + 48, 0xff, 4); });
+  ASSERT_EQ(truncate(index().c_str(), off_t{64} << 30), 0);
+  const Outcome outcome = repair_index(stream(), {});
+  ASSERT_TRUE(outcome.ok) << outcome.error;
   EXPECT_EQ(read_file(index()), made_);
 }
 

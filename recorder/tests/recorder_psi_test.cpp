@@ -64,7 +64,12 @@ TEST_F(ProgrammeTablesTest, RepetitionsAreNoNews) {
   pmt(0x20, 1, {{0x02, 0x30}});
   EXPECT_EQ(pmt(0x20, 1, {{0x02, 0x30}}), 0);
   tables_.expect_anew();
+  EXPECT_FALSE(tables_.find(1)->known);
+  EXPECT_EQ(tables_.find_by_video(0x30), tables_.find(1));
+  EXPECT_EQ(pat({{1, 0x20}}), 1);
+  EXPECT_FALSE(tables_.find(1)->known);
   EXPECT_EQ(pmt(0x20, 1, {{0x02, 0x30}}), 1);
+  EXPECT_TRUE(tables_.find(1)->known);
 }
 
 TEST_F(ProgrammeTablesTest, ANewVersionReplacesTheMap) {
@@ -102,6 +107,81 @@ TEST_F(ProgrammeTablesTest, ATableInTwoSectionsIsReadInTheirOrder) {
   ASSERT_EQ(tables_.programmes().size(), 2u);
   EXPECT_EQ(tables_.programmes()[0].number, 1);
   EXPECT_EQ(tables_.programmes()[1].number, 2);
+}
+
+TEST_F(ProgrammeTablesTest, AMapThatComesBeforeItsProgrammeIsListedIsReadWhenItComesAgain) {
+  // Where two recordings meet, the second one may begin with its map.
+  pat({{1, 0x20}});
+  EXPECT_EQ(pmt(0x20, 2, {{0x02, 0x30}}), 0);
+  pat({{2, 0x20}}, 1);
+  EXPECT_FALSE(tables_.find(2)->known);
+  EXPECT_EQ(pmt(0x20, 2, {{0x02, 0x30}}), 1);
+  EXPECT_TRUE(tables_.find(2)->known);
+}
+
+TEST_F(ProgrammeTablesTest, AProgrammeThatComesBackOnItsPidIsKnownByTheMapThatItHad) {
+  pat({{1, 0x20}});
+  pmt(0x20, 1, {{0x02, 0x30}});
+  pat({{2, 0x20}}, 1);
+  pat({{1, 0x20}}, 2);
+  EXPECT_FALSE(tables_.find(1)->known);
+  EXPECT_EQ(pmt(0x20, 1, {{0x02, 0x30}}), 1);
+  EXPECT_TRUE(tables_.find(1)->known);
+}
+
+TEST_F(ProgrammeTablesTest, ProgrammesStayUntilANewVersionHasComeWhole) {
+  feed(section_packets(0, pat_section({{1, 0x20}}, 0, true, 0, 1), 0));
+  feed(section_packets(0, pat_section({{2, 0x21}}, 0, true, 1, 1), 1));
+  pmt(0x20, 1, {{0x02, 0x30}});
+  pmt(0x21, 2, {{0x02, 0x40}});
+  feed(section_packets(0, pat_section({{3, 0x22}}, 1, true, 0, 1), 2));
+  ASSERT_NE(tables_.find(2), nullptr);
+  EXPECT_TRUE(tables_.find(2)->known);
+  EXPECT_NE(tables_.find(1), nullptr);
+  EXPECT_EQ(tables_.programmes().front().number, 3);
+  feed(section_packets(0, pat_section({{2, 0x21}}, 1, true, 1, 1), 3));
+  EXPECT_EQ(tables_.find(1), nullptr);
+  ASSERT_EQ(tables_.programmes().size(), 2u);
+  EXPECT_EQ(tables_.programmes()[0].number, 3);
+  EXPECT_EQ(tables_.programmes()[1].number, 2);
+  EXPECT_TRUE(tables_.programmes()[1].known);
+}
+
+TEST_F(ProgrammeTablesTest, ATableThatGoesBackToItsOldVersionIsReadAgain) {
+  feed(section_packets(0, pat_section({{1, 0x20}}, 0, true, 0, 1), 0));
+  feed(section_packets(0, pat_section({{2, 0x21}}, 0, true, 1, 1), 1));
+  feed(section_packets(0, pat_section({{3, 0x22}}, 1, true, 0, 1), 2));
+  feed(section_packets(0, pat_section({{1, 0x20}}, 0, true, 0, 1), 3));
+  feed(section_packets(0, pat_section({{2, 0x21}}, 0, true, 1, 1), 4));
+  ASSERT_EQ(tables_.programmes().size(), 2u);
+  EXPECT_EQ(tables_.find(3), nullptr);
+}
+
+TEST_F(ProgrammeTablesTest, ALaterVersionOfOneSectionReplacesTheWholeTable) {
+  feed(section_packets(0, pat_section({{1, 0x20}}, 0, true, 0, 1), 0));
+  feed(section_packets(0, pat_section({{2, 0x21}}, 0, true, 1, 1), 1));
+  feed(section_packets(0, pat_section({{2, 0x21}}, 1), 2));
+  ASSERT_EQ(tables_.programmes().size(), 1u);
+  EXPECT_EQ(tables_.programmes()[0].number, 2);
+}
+
+// 300 KB that list 64,768 programmes, most of them on the same few PIDs: a table is refused what no
+// stream can carry, and no step takes longer with every section that came before.
+TEST_F(ProgrammeTablesTest, ATableWithoutMeasureIsReadAtOnce) {
+  uint16_t number = 1;
+  for (unsigned section = 0; section < 256; ++section) {
+    std::vector<PatEntry> entries;
+    for (int i = 0; i < 253; ++i, ++number) {
+      entries.push_back({number, static_cast<uint16_t>(0x20 + number % 7)});
+    }
+    const Bytes bytes = pat_section(entries, 0, true, static_cast<uint8_t>(section), 255);
+    feed(section_packets(0, bytes, counter_));
+    counter_ = static_cast<uint8_t>(counter_ + 6);
+  }
+  EXPECT_EQ(tables_.programmes().size(), 1024u);
+  ASSERT_NE(tables_.find(1), nullptr);
+  pmt(0x21, 1, {{0x02, 0x30}});
+  EXPECT_TRUE(tables_.find(1)->known);
 }
 
 TEST_F(ProgrammeTablesTest, TwoMapsOnOnePidAreKeptApart) {
@@ -248,6 +328,22 @@ TEST_F(ProgrammeTablesTest, AMapThatDoesNotComeIsNotWaitedForForEver) {
   for (int i = 0; i < 10000; ++i) ASSERT_FALSE(probe.packets(null_packet.data(), 1)) << i;
   EXPECT_TRUE(probe.packets(null_packet.data(), 1));
   EXPECT_EQ(probe.start().programme, 2);
+}
+
+TEST_F(ProgrammeTablesTest, AProgrammeThatLosesItsVideoIsNoCandidateAnyMore) {
+  const auto map_of_2 = [](const std::vector<PmtEntry> &entries, uint8_t version) {
+    return section_packets(0x21, pmt_section(2, 0x99, entries, version), version);
+  };
+  const Bytes tables = join({section_packets(0, pat_section({{1, 0x20}, {2, 0x21}})),
+                             map_of_2({{0x02, 0x40}}, 0), map_of_2({{0x03, 0x41}}, 1)});
+  const Bytes null_packet = ts_packet(0x1fff, {});
+  plexa::rec::Probe probe(0);
+  EXPECT_FALSE(probe.packets(tables.data(), tables.size() / kPacketSize));
+  for (int i = 0; i < 20000; ++i) ASSERT_FALSE(probe.packets(null_packet.data(), 1)) << i;
+  const Bytes video_again = map_of_2({{0x02, 0x40}}, 2);
+  EXPECT_FALSE(probe.packets(video_again.data(), 1));
+  for (int i = 0; i < 10000; ++i) ASSERT_FALSE(probe.packets(null_packet.data(), 1)) << i;
+  EXPECT_TRUE(probe.packets(null_packet.data(), 1));
 }
 
 TEST_F(ProgrammeTablesTest, TheEndOfTheInputEndsTheWait) {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <thread>
 
@@ -304,6 +305,39 @@ TEST_F(RecordingTest, AnotherProgrammeIsFollowedWhenTheFirstIsGone) {
   EXPECT_EQ(index_file().gops[1].video_pid, 0x300);
 }
 
+TEST_F(RecordingTest, AProgrammeThatComesBackOnTheSamePidIsFollowedAgain) {
+  // Three recordings behind each other, the third one with the tables of the first.
+  TestStream stream(Codec::kH264);
+  stream.tables().gop(5).gop(5);
+  stream.programme = 2;
+  stream.video_pid = 0x200;
+  stream.tables().gop(5).gop(5);
+  stream.programme = 1;
+  stream.video_pid = 0x100;
+  stream.tables().gop(5).gop(5);
+  ASSERT_TRUE(record(stream.bytes()).ok);
+  const IndexFile index = index_file();
+  ASSERT_EQ(index.gops.size(), 6u);
+  EXPECT_EQ(index.gops[2].video_pid, 0x200);
+  EXPECT_EQ(index.gops[4].video_pid, 0x100);
+  EXPECT_EQ(index.gops[4].index_of_channel, 0);
+}
+
+TEST_F(RecordingTest, ANewVideoIsIndexedByWhatItOffersFromItsFirstPictureOn) {
+  // Behind MPEG-2, whose I-pictures are clean, H.264 that announces none of its I-pictures.
+  TestStream stream(Codec::kMpeg2);
+  stream.tables().gop(5).gop(5);
+  stream.codec(Codec::kH264);
+  stream.table_version = 1;
+  stream.tables().gop(5, {.idr = false}).gop(5, {.idr = false});
+  ASSERT_TRUE(record(stream.bytes()).ok);
+  const IndexFile index = index_file();
+  ASSERT_EQ(index.gops.size(), 4u);
+  EXPECT_EQ(index.gops[1].index_of_channel, 0);
+  EXPECT_EQ(index.gops[2].index_of_channel, 1);
+  EXPECT_TRUE(is_usable(this->stream()));
+}
+
 // --- time
 
 TEST_F(RecordingTest, TheClockGoesOnWhereTimeStampsWrap) {
@@ -525,6 +559,19 @@ TEST_F(RecordingTest, ScrambledVideoIsRefused) {
   EXPECT_THAT(files(), IsEmpty());
 }
 
+TEST_F(RecordingTest, VideoScrambledInItsPesPacketsIsRefused) {
+  TestStream stream(Codec::kH264);
+  stream.tables();
+  const size_t video = stream.bytes().size();
+  stream.gop(5).gop(5);
+  Bytes packets = stream.bytes();
+  for (size_t at = video; at < packets.size(); at += kPacketSize) {
+    if ((packets[at + 1] & 0x40) != 0) packets[at + 4 + 6] |= 0x20;  // PES_scrambling_control
+  }
+  EXPECT_EQ(record(packets).error, "the input is scrambled: the video of programme 1");
+  EXPECT_THAT(files(), IsEmpty());
+}
+
 TEST_F(RecordingTest, AnnouncedVideoThatDoesNotComeIsRefused) {
   TestStream stream;
   stream.tables().foreign(20);
@@ -681,6 +728,39 @@ TEST_F(RecordingTest, AStalledPipeDoesNotKeepStopWaiting) {
   ASSERT_TRUE(outcome.ok) << outcome.error;
   EXPECT_EQ(outcome.summary.gops, 2u);
   EXPECT_TRUE(is_usable(this->stream()));
+}
+
+TEST_F(RecordingTest, ASignalInTheWaitForAPipeDoesNotKeepStopWaiting) {
+  struct sigaction quiet = {};
+  struct sigaction before = {};
+  quiet.sa_handler = [](int) {};
+  quiet.sa_flags = SA_RESTART;  // a read() that waits goes on behind the signal
+  ASSERT_EQ(sigaction(SIGUSR1, &quiet, &before), 0);
+  TestStream stream(Codec::kH264);
+  stream.tables().gop(5).gop(5);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(write(ends[1], stream.bytes().data(), stream.bytes().size()),
+            static_cast<ssize_t>(stream.bytes().size()));
+  std::atomic<bool> stop = false;
+  Options options;
+  options.stop = &stop;
+  Outcome outcome;
+  std::thread recorder([&] { outcome = plexa::rec::record(ends[0], this->stream(), options); });
+  while (!exists(index()) || index_file().gops.empty()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  for (int i = 0; i < 20; ++i) {
+    pthread_kill(recorder.native_handle(), SIGUSR1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  stop = true;
+  recorder.join();  // the pipe stays open, and silent
+  sigaction(SIGUSR1, &before, nullptr);
+  close(ends[0]);
+  close(ends[1]);
+  ASSERT_TRUE(outcome.ok) << outcome.error;
+  EXPECT_EQ(outcome.summary.gops, 2u);
 }
 
 TEST_F(RecordingTest, AFileThatGrowsIsFollowedUntilStop) {

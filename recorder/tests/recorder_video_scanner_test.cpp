@@ -184,6 +184,49 @@ TEST_F(VideoScannerTest, AnAnnouncedJumpOfTheCounterIsNoError) {
   EXPECT_EQ(counts_.continuity_errors, 0u);
 }
 
+TEST_F(VideoScannerTest, AJumpAnnouncedByAPacketWithoutPayloadIsNoError) {
+  TestStream stream(Codec::kMpeg2);
+  stream.gop(3).gop(3);
+  const auto second = static_cast<long>(stream.entries()[1].packet * kPacketSize);
+  const auto middle = stream.bytes().begin() + second;
+  PacketOptions options;
+  options.continuity = static_cast<uint8_t>((middle[3] + 4) & 15);
+  options.adaptation_length = 183;
+  Bytes announcement = ts_packet(0x100, {}, options);
+  announcement[3] = static_cast<uint8_t>(0x20 | options.continuity);
+  announcement[5] = 0x80;
+  Bytes rest(middle, stream.bytes().end());
+  for (size_t at = 3; at < rest.size(); at += kPacketSize) {
+    rest[at] = static_cast<uint8_t>((rest[at] & 0xf0) | ((rest[at] + 5) & 15));
+  }
+  const Bytes packets = join({Bytes(stream.bytes().begin(), middle), announcement, rest});
+  EXPECT_EQ(scan(Codec::kMpeg2, packets).size(), 6u);
+  EXPECT_EQ(counts_.continuity_errors, 0u);
+}
+
+TEST_F(VideoScannerTest, AnAnnouncedJumpEndsWhatWasCollected) {
+  // The start code would go on behind the jump.
+  const Bytes start = pes(0xe0, coded_picture(Codec::kMpeg2, {.type = 'I', .size = 20}), 1000);
+  const Bytes first = join({start, repeat(0xaa, 182 - start.size()), {0, 0}});
+  const Bytes second = join({{1, 0x00, 0x00, 0x0f, 0xff, 0xf8}, repeat(0xaa, 178)});
+  PacketOptions options;
+  options.unit_start = true;
+  const Bytes packet = ts_packet(0x100, first, options);
+  options.unit_start = false;
+  options.continuity = 9;
+  options.adaptation_length = 183;
+  Bytes announcement = ts_packet(0x100, {}, options);
+  announcement[3] = 0x20 | 9;
+  announcement[5] = 0x80;
+  options.adaptation_length.reset();
+  options.continuity = 10;
+  const Bytes next = ts_packet(0x100, second, options);
+  options.continuity = 11;
+  const Bytes slice = ts_packet(0x100, join({{0, 0, 1, 1}, repeat(0xaa, 180)}), options);
+  EXPECT_EQ(scan(Codec::kMpeg2, join({packet, announcement, next, slice})).size(), 1u);
+  EXPECT_EQ(counts_.continuity_errors, 0u);
+}
+
 TEST_F(VideoScannerTest, ALostPacketCostsNoOtherFrame) {
   TestStream stream(Codec::kH264);
   stream.gop(3).gop(3);
@@ -232,6 +275,71 @@ TEST_F(VideoScannerTest, HeadersWhosePictureIsLostDoNotMoveTheNextPicture) {
   EXPECT_EQ(first, 0u);
   EXPECT_EQ(frames[0].pes_packet, 1u);
   EXPECT_EQ(frames[0].pts, std::optional<uint64_t>(90000));
+}
+
+TEST_F(VideoScannerTest, ASliceThatIsLostBehindItsFirstByteSaysNothing) {
+  // Three slices; a packet ends with the first one's NAL header, the next packet is lost.
+  const Bytes video = coded_picture(Codec::kH264, {.type = 'I', .size = 300, .slices = 3});
+  std::vector<long> slices;
+  for (size_t at = 0; at + 3 < video.size(); ++at) {
+    const bool code = video[at] == 0 && video[at + 1] == 0 && video[at + 2] == 1;
+    if (code && video[at + 3] == 0x65) slices.push_back(static_cast<long>(at));
+  }
+  ASSERT_EQ(slices.size(), 3u);
+  const Bytes first = pes(0xe0, Bytes(video.begin(), video.begin() + slices[0] + 4), 90000);
+  PacketOptions options;
+  options.unit_start = true;
+  options.adaptation_length = static_cast<uint8_t>(183 - first.size());
+  const Bytes head = ts_packet(0x100, first, options);
+  Bytes rest = packetise(0x100, Bytes(video.begin() + slices[1], video.end()), 2);
+  rest[1] &= 0xbf;  // no PES packet begins here
+  const std::vector<Frame> frames = scan(Codec::kH264, join({head, rest}));
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].entry, Entry::kClean);
+  EXPECT_EQ(counts_.continuity_errors, 1u);
+}
+
+class AnnouncementTest : public VideoScannerTest, public ::testing::WithParamInterface<Codec> {};
+
+INSTANTIATE_TEST_SUITE_P(Codecs, AnnouncementTest, ::testing::Values(Codec::kH264, Codec::kH265));
+
+TEST_P(AnnouncementTest, ARecoveryPointWhosePictureIsLostDoesNotAnnounceTheNext) {
+  const Bytes whole = coded_picture(GetParam(), {.type = 'P', .recovery_point = true});
+  // The message arrives with the beginning of the slice's start code, the slice does not.
+  const Bytes code = {0, 0, 1, static_cast<uint8_t>(GetParam() == Codec::kH264 ? 0x0c : 0x4c)};
+  const Bytes message = GetParam() == Codec::kH264 ? Bytes(whole.begin(), whole.begin() + 6 + 8)
+                                                   : Bytes(whole.begin(), whole.begin() + 7 + 9);
+  TestStream stream(GetParam());
+  stream.gop(2);
+  stream.pes_packet(join({message, code}), 200000);
+  Bytes packets = stream.bytes();
+  const size_t before = packets.size() + kPacketSize;
+  stream.pes_packet({}, {});  // lost
+  stream.picture({.type = 'P', .number = 2}, 2);
+  packets.insert(packets.end(), stream.bytes().begin() + static_cast<long>(before),
+                 stream.bytes().end());
+  const std::vector<Frame> frames = scan(GetParam(), packets);
+  ASSERT_EQ(frames.size(), 3u);
+  EXPECT_EQ(frames[2].entry, Entry::kNone);
+  EXPECT_EQ(counts_.continuity_errors, 1u);
+}
+
+TEST_F(VideoScannerTest, PesPacketsThatAreScrambledAreCountedAndPassedOver) {
+  TestStream stream(Codec::kMpeg2);
+  stream.gop(2);
+  const uint64_t clear = stream.count();
+  stream.gop(2);
+  const uint64_t end = stream.count();
+  stream.gop(1);
+  Bytes packets = stream.bytes();
+  for (size_t at = clear * kPacketSize; at < end * kPacketSize; at += kPacketSize) {
+    if ((packets[at + 1] & 0x40) == 0) continue;
+    ASSERT_EQ(packets[at + 3] & 0x20, 0);
+    packets[at + 4 + 6] |= 0x20;  // PES_scrambling_control
+  }
+  EXPECT_EQ(scan(Codec::kMpeg2, packets).size(), 3u);
+  EXPECT_EQ(counts_.scrambled, end - clear);
+  EXPECT_EQ(counts_.clear, stream.count() - counts_.scrambled);
 }
 
 TEST_F(VideoScannerTest, ScrambledPacketsAreCountedAndPassedOver) {

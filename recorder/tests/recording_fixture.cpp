@@ -1,3 +1,4 @@
+// recording_fixture.cpp - see recording_fixture.h.
 #include "recording_fixture.h"
 
 #include <fcntl.h>

@@ -1,1 +1,2 @@
+// sanitizer_options.cpp - see sanitizer_options.h.
 #include "sanitizer_options.h"
